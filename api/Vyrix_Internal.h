@@ -1,0 +1,118 @@
+// The library context, its lock, and the functions of the command layer that
+// the device operations are built on.  All of these are exported with C++
+// linkage; applications use Vyrix_Api.h instead.
+#ifndef VYRIX_INTERNAL_H
+#define VYRIX_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "Vyrix_Api.h"
+#include "Vyrix_LLC_Api_Ex.h"
+
+struct Vyrix_LibraryContext {
+    std::vector<Vyrix_ConnectionInfoS*> connections;  // owned, oldest first
+    uint8_t sequenceNumber = 0;                        // of the last command sent
+};
+
+extern Vyrix_LibraryContext* g_pLibCtx;  // null while the library is closed
+extern void* g_pSyncObj;                 // the library lock; exists while open
+
+constexpr uint8_t kLibraryMajor = 1;
+constexpr uint8_t kLibraryMinor = 3;
+constexpr uint8_t kLibraryRevision = 0;
+constexpr uint32_t kLibraryBuild = 0;
+
+// Command and reply payloads.
+constexpr uint8_t kCommandMarker = 0x2A;
+constexpr uint8_t kAltReplyMarker = 0x09;
+constexpr uint8_t kMaxSequenceNumber = 63;
+constexpr unsigned kCommandHeader = 4;      // markers, sequence, opcode
+constexpr unsigned kReplyStatusOffset = 3;  // status word
+constexpr unsigned kReplyValuesOffset = 7;  // first reply value
+constexpr unsigned short kReplyCapacity = 4096;
+constexpr int kReplyRetryCount = 7500;      // about 750 s of polling
+constexpr int kFlushRetryCount = 1;
+constexpr unsigned kFlushRecords = 20;
+
+// Holds the library lock for a scope; releases it on every exit path.
+class LibraryLock {
+public:
+    LibraryLock();
+    ~LibraryLock();
+    LibraryLock(const LibraryLock&) = delete;
+    LibraryLock& operator=(const LibraryLock&) = delete;
+};
+
+// Connections.
+Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);
+Vyrix_ReturnStatus CloseConnection(unsigned int index);
+int GetCOMPortNumber(const char* pName, const char* pPrefix);
+
+// Command transport.
+Vyrix_ReturnStatus AlcSendCommandParams(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                        KtXlnkDeviceIdE deviceId);
+Vyrix_ReturnStatus AlcSendCommandGetReply(unsigned char opcode, unsigned char** ppReply, unsigned short* pReplyLen,
+                                          KtXlnkDeviceIdE deviceId);
+Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                                unsigned char** ppReply, unsigned short* pReplyLen,
+                                                KtXlnkDeviceIdE deviceId);
+Vyrix_ReturnStatus SendXlnkMsg(unsigned char opcode, unsigned char* pPayload, unsigned short payloadLen,
+                               KtXlnkDeviceIdE deviceId);
+Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId);
+Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg);
+void FlushMsgQueue();
+Vyrix_ReturnStatus GetAck();
+void CopyMemory(void* pDst, void* pSrc, int count);
+
+// Encoded size of one parameter record (0 for tags that contribute nothing).
+unsigned EncodedSize(const Vyrix_DataS& param);
+
+// The steps every device operation takes with a reply: a command-layer
+// failure other than an error reply is returned; a non-zero reply status
+// word is returned unchanged; otherwise `store` reads the values (from the
+// first value byte) and the command layer's result is returned.  The reply
+// buffer is freed on every path.
+template <typename Store>
+Vyrix_ReturnStatus ReadReply(Vyrix_ReturnStatus result, unsigned char* reply, Store store);
+
+// Bulk image and text transfer.
+typedef int (*VyrixProgressFn)(unsigned short*, unsigned short*, unsigned char*);
+Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned char* pData, unsigned int dataSize,
+                                              Vyrix_RenderTargetE target, Vyrix_PointS position, Vyrix_RectSizeS size,
+                                              KtXlnkDeviceIdE deviceId, VyrixProgressFn pfnProgress);
+Vyrix_ReturnStatus AlcDrawText(Vyrix_RenderTargetE target, const unsigned char* pText, unsigned short maxLen,
+                               Vyrix_PointS position, Vyrix_ColorS foreground, Vyrix_ColorS background);
+Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen, Vyrix_RectSizeS* pSize);
+void GetIndexStatus(unsigned short* pUpdateType, unsigned short* pCurIndex, unsigned short* pMaxIndex);
+
+// Little-endian field access in payloads.
+inline uint16_t Le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+inline uint32_t Le32(const unsigned char* p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+           (static_cast<uint32_t>(p[3]) << 24);
+}
+inline void PutLe16(unsigned char* p, uint16_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+}
+
+template <typename Store>
+Vyrix_ReturnStatus ReadReply(Vyrix_ReturnStatus result, unsigned char* reply, Store store) {
+    const bool errorReply = VYRIX_CODE(result) == eVYRIX_COMMUNICATION_ERROR;
+    if ((result != eVYRIX_RETURN_SUCCESS && !errorReply) || reply == nullptr) {
+        delete[] reply;
+        return result;
+    }
+    const uint32_t status = Le32(reply + kReplyStatusOffset);
+    if (status != 0) {
+        delete[] reply;
+        return static_cast<Vyrix_ReturnStatus>(status);
+    }
+    store(static_cast<const unsigned char*>(reply + kReplyValuesOffset));
+    delete[] reply;
+    return result;
+}
+
+#endif  // VYRIX_INTERNAL_H

@@ -1,0 +1,429 @@
+/*
+ * Vyrix_Api.h - application interface of libVyrix_Api, the host library that
+ * controls a laser scanning display engine over USB, a UART line or
+ * Bluetooth RFCOMM.
+ *
+ * Use: Vyrix_OpenLibrary, Vyrix_OpenConnection, any number of device
+ * operations, Vyrix_CloseConnection, Vyrix_CloseLibrary.
+ *
+ * Results.  Every operation returns a 32-bit result word (vyrix_rc.h).  The
+ * order of checks is always: library open (else 0x04000000
+ * eVYRIX_UNINITIALIZED), then the arguments (else 0x05000000
+ * eVYRIX_INVALID_ARGUMENT; nothing is sent), then the work.  A non-zero
+ * status word that the device puts in a reply is returned unchanged.  An
+ * error reply from the device gives 0x17000000 eVYRIX_COMMUNICATION_ERROR.
+ * No exception leaves an operation (0x09000000 eVYRIX_INTERNAL_ERROR).
+ * Operations marked "not supported" return 0x02000000 at once and touch
+ * nothing, even before the library is opened.
+ *
+ * Blocking.  Each device operation is one command: it drops stale replies
+ * first (at least 200 ms when none is waiting), sends, and waits for the
+ * reply, looking every 100 ms or at once when it arrives, for up to about
+ * 750 s.  The library lock is never held while waiting.
+ *
+ * Thread safety.  Open and close the library from one thread while no other
+ * call runs.  Commands are not serialised by the library: the reply is
+ * matched to the last command sent, so an application issues one command at
+ * a time (serialise calls from several threads yourself).
+ *
+ * The connection handle only identifies the connection for closing: every
+ * command travels over the first transport with an open port, in the order
+ * USB, serial, Bluetooth.
+ */
+#ifndef VYRIX_API_H
+#define VYRIX_API_H
+
+#include <stdint.h>
+
+#include "vyrix_rc.h"
+
+/* ---- Library ---------------------------------------------------------- */
+
+typedef struct Vyrix_LibraryInfoS {
+    uint8_t majorVersion; /* 1 */
+    uint8_t minorVersion; /* 3 */
+    uint8_t revision;     /* 0 */
+    uint32_t build;       /* 0 */
+} Vyrix_LibraryInfoS;
+
+/* ---- Connections ------------------------------------------------------ */
+
+typedef enum Vyrix_ConnectionTypeE {
+    eVYRIX_CONNECTION_UART = 0,
+    eVYRIX_CONNECTION_USB = 1,
+    eVYRIX_CONNECTION_BTH = 2
+} Vyrix_ConnectionTypeE;
+
+/* The texts behind the pointers must stay alive and unchanged until the
+ * connection is closed: the library keeps the pointers, not copies. */
+typedef struct Vyrix_UartInfoS {
+    const char* pPortName; /* device path, e.g. /dev/ttyS0 */
+    uint32_t baudRate;     /* must be 57600 */
+    int32_t flowControl;   /* 0 or 1 (checked, not used) */
+    uint8_t stopBits;      /* 1 or 2 (checked, not used: the line is 8N1) */
+} Vyrix_UartInfoS;
+
+typedef struct Vyrix_USBInfoS {
+    uint32_t productID;        /* must be 4 */
+    const char* pSerialNumber; /* identifies the connection; the port takes the first free device */
+} Vyrix_USBInfoS;
+
+typedef struct Vyrix_BTHInfoS {
+    const char* pMacID;   /* "00:11:22:33:44:55" */
+    const char* pPassKey; /* must not be null; pairing is the host's business */
+} Vyrix_BTHInfoS;
+
+typedef struct Vyrix_ConnectionInfoS {
+    Vyrix_ConnectionTypeE connectionType;
+    union {
+        Vyrix_UartInfoS uartInfo;
+        Vyrix_USBInfoS usbInfo;
+        Vyrix_BTHInfoS bthInfo;
+    };
+} Vyrix_ConnectionInfoS;
+
+/* ---- Typed command parameters ----------------------------------------- */
+
+typedef enum Vyrix_DataTypeE {
+    eDATA_NONE = 0, /* contributes nothing */
+    eDATA_INT8 = 1,
+    eDATA_INT16 = 2,
+    eDATA_INT32 = 3,
+    eDATA_UINT8 = 4,
+    eDATA_UINT16 = 5,
+    eDATA_UINT32 = 6,
+    eDATA_FLOAT = 7,
+    eDATA_BUFFER = 8
+} Vyrix_DataTypeE;
+
+typedef struct Vyrix_DataBufferS {
+    uint8_t* pData;
+    uint32_t length;
+} Vyrix_DataBufferS;
+
+typedef struct Vyrix_DataS {
+    Vyrix_DataTypeE type;
+    union {
+        int8_t i8;
+        int16_t i16;
+        int32_t i32;
+        uint8_t u8;
+        uint16_t u16;
+        uint32_t u32;
+        float f32;
+        Vyrix_DataBufferS* pBuffer;
+    } value;
+} Vyrix_DataS;
+
+/* ---- Settings --------------------------------------------------------- */
+
+/* Which copy of a setting an operation reads or writes.  A Set accepts the
+ * current and saved copies; a Get also reads the factory copy. */
+typedef enum Vyrix_ValueStorageTypeE {
+    eVYRIX_STORAGE_CURRENT = 0, /* in effect now, lost at power-off */
+    eVYRIX_STORAGE_SAVED = 1,   /* kept across power-off */
+    eVYRIX_STORAGE_FACTORY = 2  /* the factory value (read only) */
+} Vyrix_ValueStorageTypeE;
+
+typedef struct Vyrix_VideoPropertiesS {
+    uint16_t width;
+    uint16_t height;
+    float frameRate;
+} Vyrix_VideoPropertiesS;
+
+typedef struct Vyrix_FrameRateS {
+    uint32_t mode; /* 0, 1 or 2 */
+    uint32_t param1;
+    uint32_t param2;
+} Vyrix_FrameRateS;
+
+typedef enum Vyrix_VideoModeHandleE { eVYRIX_VIDEO_MODE_0 = 0, eVYRIX_VIDEO_MODE_1, eVYRIX_VIDEO_MODE_2 } Vyrix_VideoModeHandleE;
+
+typedef struct Vyrix_VideoCaptureInfoS {
+    uint16_t width;
+    uint16_t height;
+    float frameRate;
+    uint32_t flags;
+} Vyrix_VideoCaptureInfoS;
+
+typedef enum Vyrix_WhitePointE { eVYRIX_WHITE_POINT_D65 = 0, eVYRIX_WHITE_POINT_D50, eVYRIX_WHITE_POINT_NATIVE } Vyrix_WhitePointE;
+
+typedef enum Vyrix_HorizontalBrightnessCompensationModeE {
+    eVYRIX_HBC_OFF = 0,
+    eVYRIX_HBC_ON
+} Vyrix_HorizontalBrightnessCompensationModeE;
+
+typedef enum Vyrix_SensingDataInterfaceE { eVYRIX_SENSING_IF_NONE = 0, eVYRIX_SENSING_IF_USB } Vyrix_SensingDataInterfaceE;
+
+typedef enum Vyrix_ToFDataFormatE { eVYRIX_TOF_FORMAT_RAW = 0, eVYRIX_TOF_FORMAT_POINT_CLOUD } Vyrix_ToFDataFormatE;
+
+/* ---- System ----------------------------------------------------------- */
+
+typedef struct Vyrix_SystemInfoS {
+    char infoText[17]; /* at most 16 characters and a NUL */
+    uint32_t infoWord1;
+    uint32_t infoWord2;
+    uint32_t infoWord3;
+    uint32_t infoWord4;
+    uint32_t infoWord5;
+    uint32_t infoWord6;
+    uint32_t infoWord7;
+} Vyrix_SystemInfoS;
+
+typedef struct Vyrix_SystemStatusS {
+    uint32_t statusWord1;
+    uint32_t statusWord2;
+    float statusValue;
+    uint32_t statusWord3;
+    uint32_t statusWord4;
+    uint32_t statusWord5;
+    uint32_t statusWord6;
+    uint32_t statusWord7;
+} Vyrix_SystemStatusS;
+
+/* One event log entry: 16 bytes on the wire, in this order. */
+typedef struct Vyrix_EventLogEntryS {
+    uint16_t field1;
+    uint16_t field2;
+    uint32_t field3;
+    uint32_t field4;
+    uint16_t field5;
+    uint16_t field6;
+} Vyrix_EventLogEntryS;
+
+typedef enum Vyrix_PowerStateE { eVYRIX_POWER_ON = 0, eVYRIX_POWER_STANDBY, eVYRIX_POWER_OFF } Vyrix_PowerStateE;
+
+/* ---- Rendering -------------------------------------------------------- */
+
+typedef struct Vyrix_PointS {
+    uint16_t x;
+    uint16_t y;
+} Vyrix_PointS;
+
+typedef struct Vyrix_RectSizeS {
+    uint16_t width;
+    uint16_t height;
+} Vyrix_RectSizeS;
+
+/* Sent in memory order. */
+typedef struct Vyrix_ColorS {
+    uint8_t red;
+    uint8_t green;
+    uint8_t blue;
+    uint8_t alpha;
+} Vyrix_ColorS;
+
+typedef enum Vyrix_RenderTargetE { eVYRIX_RENDER_TARGET_0 = 0, eVYRIX_RENDER_TARGET_1, eVYRIX_RENDER_TARGET_OSD } Vyrix_RenderTargetE;
+
+typedef enum Vyrix_OSDStateE { eVYRIX_OSD_OFF = 0, eVYRIX_OSD_ON } Vyrix_OSDStateE;
+
+/* ---- Time of flight ---------------------------------------------------- */
+
+typedef struct Vyrix_TofFramePropertiesS {
+    uint16_t width;
+    uint16_t height;
+    uint32_t bytesPerPixel;
+} Vyrix_TofFramePropertiesS;
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ===== Library lifecycle (no log entries, no blocking) ================== */
+
+/* Open the library; *ppLibHandle receives the handle.  0x18000000 if open
+ * already (tested first), 0x05000000 for a null pointer, 0x01000000 if the
+ * lock or context cannot be made. */
+Vyrix_ReturnStatus Vyrix_OpenLibrary(void** ppLibHandle);
+
+/* Version 1.3.0 build 0.  0x04000000 not open; 0x05000000 null argument. */
+Vyrix_ReturnStatus Vyrix_GetLibraryInfo(void* libHandle, Vyrix_LibraryInfoS* pInfo);
+
+/* Close every connection (oldest first) and the library; it can be opened
+ * again.  0x01000000 if a connection failed to close (the library is closed
+ * all the same); 0x04000000 not open; 0x05000000 null handle. */
+Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle);
+
+/* ===== Connections ====================================================== */
+
+/* Open a connection: checks the record, refuses a device already connected
+ * (0x18000000; serial names compare on 11 characters, USB serial numbers on
+ * 100, Bluetooth addresses whole), opens the transport's port (its result is
+ * returned unchanged, e.g. 0x18000000 when the transport is open already).
+ * UART: name not null, baudRate 57600, flowControl 0/1, stopBits 1/2.  USB:
+ * productID 4, serial number not null.  Bluetooth: address and pass key not
+ * null.  Otherwise 0x05000000. */
+Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle, Vyrix_ConnectionInfoS connectionInfo);
+
+/* Close a connection: 0; 0x05000000 null or unknown handle; the port close
+ * result (the entry then stays).  Waits for the receive thread to end. */
+Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle);
+
+/* ===== Display and video settings ======================================= *
+ * Set: storage 0 or 1, acknowledged by the device; the reply status word is
+ * not examined.  Get: storage 0, 1 or 2; the reply status word is returned
+ * when non-zero (outputs untouched); an error reply with status 0 fills the
+ * outputs and returns 0x17000000; values a short reply lacks read as 0.
+ * All reject a null handle or out pointer with 0x05000000.               */
+
+Vyrix_ReturnStatus Vyrix_GetInputVideoProperties(void* handle, uint16_t* width, uint16_t* height, float* frameRate);
+/* state 0/1; storage passed on unchecked */
+Vyrix_ReturnStatus Vyrix_SetInputVideoState(void* handle, uint32_t state, uint32_t storage);
+/* storage passed on unchecked */
+Vyrix_ReturnStatus Vyrix_GetInputVideoState(void* handle, uint32_t* state, uint32_t storage);
+/* brightness 0..100 */
+Vyrix_ReturnStatus Vyrix_SetBrightness(void* handle, uint8_t brightness, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetBrightness(void* handle, uint8_t* brightness, Vyrix_ValueStorageTypeE storage);
+/* colorMode at most 4 */
+Vyrix_ReturnStatus Vyrix_SetColorMode(void* handle, int32_t colorMode, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetColorMode(void* handle, int32_t* colorMode, Vyrix_ValueStorageTypeE storage);
+/* gamma 1.0..3.0; channel passed on */
+Vyrix_ReturnStatus Vyrix_SetGamma(void* handle, uint32_t channel, float gamma, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetGamma(void* handle, uint32_t channel, float* gamma, Vyrix_ValueStorageTypeE storage);
+/* channel 0..2, mode 0/1 */
+Vyrix_ReturnStatus Vyrix_SetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t mode,
+                                                Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t* mode,
+                                                Vyrix_ValueStorageTypeE storage);
+/* mode 0/1 */
+Vyrix_ReturnStatus Vyrix_SetMicroWeaveMode(void* handle, uint32_t mode, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetMicroWeaveMode(void* handle, uint32_t* mode, Vyrix_ValueStorageTypeE storage);
+/* flipState 0..3 */
+Vyrix_ReturnStatus Vyrix_SetFlipState(void* handle, uint32_t flipState, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetFlipState(void* handle, uint32_t* flipState, Vyrix_ValueStorageTypeE storage);
+/* state 0/1; storage passed on unchecked */
+Vyrix_ReturnStatus Vyrix_SetOutputVideoState(void* handle, uint32_t state, uint32_t storage);
+Vyrix_ReturnStatus Vyrix_GetOutputVideoState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPropertiesS* properties);
+/* biPhase -100..100 */
+Vyrix_ReturnStatus Vyrix_SetBiPhase(void* handle, int16_t biPhase, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueStorageTypeE storage);
+/* selector1 0/1, selector2 0..4, offset -32..32 (sent as a float) */
+Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t offset,
+                                           Vyrix_ValueStorageTypeE storage);
+/* the device's float is truncated toward zero */
+Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t* offset,
+                                           Vyrix_ValueStorageTypeE storage);
+/* index 0..8, value -65536..65535 */
+Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value,
+                                           Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetColorConverter(void* handle, int32_t index, int32_t* value,
+                                           Vyrix_ValueStorageTypeE storage);
+/* mode 0..2; params and storage passed on unchecked */
+Vyrix_ReturnStatus Vyrix_SetFrameRateMode(void* handle, Vyrix_FrameRateS frameRate, uint32_t storage);
+Vyrix_ReturnStatus Vyrix_GetFrameRateMode(void* handle, Vyrix_FrameRateS* frameRate, Vyrix_ValueStorageTypeE storage);
+/* state 0/1 */
+Vyrix_ReturnStatus Vyrix_SetSensingState(void* handle, uint32_t state, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetSensingState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
+
+/* ===== System information and maintenance =============================== */
+
+/* 16 characters of text (the device's 17th byte is dropped) and seven words. */
+Vyrix_ReturnStatus Vyrix_GetSystemInfo(void* handle, Vyrix_SystemInfoS* info);
+Vyrix_ReturnStatus Vyrix_GetSystemStatus(void* handle, Vyrix_SystemStatusS* status);
+/* The newest count entries (count at most 255) into entries[0..count-1];
+ * entries the device did not send read as zeros. */
+Vyrix_ReturnStatus Vyrix_GetEventLog(void* handle, uint16_t count, Vyrix_EventLogEntryS* entries);
+/* The device's result is returned (its status word when non-zero). */
+Vyrix_ReturnStatus Vyrix_RestoreFactorySettings(void* handle);
+Vyrix_ReturnStatus Vyrix_CommitAll(void* handle);
+/* One firmware chunk per call.  chunk must hold 4000 bytes: all 4000 are
+ * sent whatever chunkLength (at most 4000) says.  The handle is not checked.
+ * Splitting the image and calling in order are the caller's. */
+Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* handle, uint32_t upgradeParam1, uint32_t chunkLength,
+                                         uint32_t upgradeParam3, const uint8_t* chunk);
+
+/* ===== Rendering ======================================================== */
+
+/* patternSelect at most 4 (no lower bound); parameters passed on. */
+Vyrix_ReturnStatus Vyrix_DrawTestPattern(void* handle, int32_t patternSelect, uint32_t patternParam1,
+                                         uint32_t patternParam2);
+
+/* ===== Time of flight (not supported: 0x02000000) ======================= */
+
+Vyrix_ReturnStatus Vyrix_GetTofFrameProperties(void* handle, Vyrix_TofFramePropertiesS* pProperties,
+                                               Vyrix_ToFDataFormatE* pFormat);
+Vyrix_ReturnStatus Vyrix_StartFrameCapture(void* handle);
+Vyrix_ReturnStatus Vyrix_StopFrameCapture(void* handle);
+Vyrix_ReturnStatus Vyrix_AcquireTofFrames(void* handle, uint32_t frameCount, uint8_t* pFrameBuffer,
+                                          uint32_t* pFramesAcquired);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+/* ===== Not supported: each returns 0x02000000 at once ==================== *
+ * These keep C++ linkage: they exist so that applications written against
+ * the full interface link and learn at run time that the feature is absent. */
+
+Vyrix_ReturnStatus Vyrix_OpenConnectionUSB(void* libHandle, const Vyrix_USBInfoS* pInfo, void** ppConnHandle);
+Vyrix_ReturnStatus Vyrix_OpenConnectionUart(void* libHandle, const Vyrix_UartInfoS* pInfo, void** ppConnHandle);
+
+Vyrix_ReturnStatus Vyrix_SetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE* pMode,
+                                                 const Vyrix_VideoCaptureInfoS* pInfo);
+Vyrix_ReturnStatus Vyrix_ModifyInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
+                                                    const Vyrix_VideoCaptureInfoS* pInfo);
+Vyrix_ReturnStatus Vyrix_GetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
+                                                 Vyrix_VideoCaptureInfoS* pInfo);
+Vyrix_ReturnStatus Vyrix_SetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
+Vyrix_ReturnStatus Vyrix_GetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
+Vyrix_ReturnStatus Vyrix_CommitInputCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
+Vyrix_ReturnStatus Vyrix_GetCommitedInputCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
+Vyrix_ReturnStatus Vyrix_SetWhitePoint(void* handle, Vyrix_WhitePointE whitePoint, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetWhitePoint(void* handle, Vyrix_WhitePointE* pWhitePoint, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetKeystoneCorrection(void* handle, int32_t correction, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetKeystoneCorrection(void* handle, int32_t* pCorrection, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetHorizontalBrightnessCompensationMode(void* handle,
+                                                                 Vyrix_HorizontalBrightnessCompensationModeE mode,
+                                                                 int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetHorizontalBrightnessCompensationMode(void* handle,
+                                                                 Vyrix_HorizontalBrightnessCompensationModeE* pMode,
+                                                                 Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetVerticalScanAngle(void* handle, float angle, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetVerticalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetHorizontalScanAngle(void* handle, float angle, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetHorizontalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetSplashScreenTimeout(void* handle, uint32_t timeout, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetSplashScreenTimeout(void* handle, uint32_t* pTimeout, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE sensingInterface,
+                                                 int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE* pInterface,
+                                                 Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetTofDataFormat(void* handle, Vyrix_ToFDataFormatE format, int32_t storage);
+Vyrix_ReturnStatus Vyrix_GetTofDataFormat(void* handle, Vyrix_ToFDataFormatE* pFormat, Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_GetTofFrameSize(void* handle, uint32_t* pFrameSize);
+Vyrix_ReturnStatus Vyrix_GetTofFrameCount(void* handle, uint32_t* pFrameCount);
+Vyrix_ReturnStatus Vyrix_AcquirePcdFrames(void* handle, uint32_t frameCount, uint32_t* pBuffer, uint32_t* pAcquired);
+
+Vyrix_ReturnStatus Vyrix_SetSystemPowerState(void* handle, Vyrix_PowerStateE state);
+Vyrix_ReturnStatus Vyrix_GetSystemPowerState(void* handle, Vyrix_PowerStateE* pState);
+Vyrix_ReturnStatus Vyrix_SaveAsSplash(void* handle, Vyrix_RenderTargetE target);
+
+Vyrix_ReturnStatus Vyrix_SetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE state);
+Vyrix_ReturnStatus Vyrix_GetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE* pState);
+Vyrix_ReturnStatus Vyrix_SetOSDInfo(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
+                                    const Vyrix_RectSizeS* pSize);
+Vyrix_ReturnStatus Vyrix_GetOSDInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_PointS* pPosition,
+                                    Vyrix_RectSizeS* pSize);
+Vyrix_ReturnStatus Vyrix_SetActiveRenderTarget(void* handle, Vyrix_RenderTargetE target);
+Vyrix_ReturnStatus Vyrix_GetActiveRenderTarget(void* handle, Vyrix_RenderTargetE* pTarget);
+Vyrix_ReturnStatus Vyrix_GetDisplayInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_RectSizeS* pSize);
+Vyrix_ReturnStatus Vyrix_LoadBitmapImage(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
+                                         const Vyrix_RectSizeS* pSize, uint8_t* image, uint8_t format);
+Vyrix_ReturnStatus Vyrix_DrawText(void* handle, Vyrix_RenderTargetE target, const uint8_t* text, uint16_t length,
+                                  Vyrix_PointS position, const Vyrix_ColorS* pForeground,
+                                  const Vyrix_ColorS* pBackground);
+Vyrix_ReturnStatus Vyrix_GetTextBoxInfo(void* handle, const uint16_t* text, uint16_t length, Vyrix_RectSizeS* pSize);
+Vyrix_ReturnStatus Vyrix_DrawPoint(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPoint,
+                                   const Vyrix_ColorS* pColor);
+Vyrix_ReturnStatus Vyrix_DrawLine(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pStart,
+                                  const Vyrix_PointS* pEnd, const Vyrix_ColorS* pColor);
+Vyrix_ReturnStatus Vyrix_DrawTriangle(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* p1,
+                                      const Vyrix_PointS* p2, const Vyrix_PointS* p3, const Vyrix_ColorS* pColor);
+Vyrix_ReturnStatus Vyrix_DrawRectangle(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
+                                       const Vyrix_RectSizeS* pSize, const Vyrix_ColorS* pColor);
+Vyrix_ReturnStatus Vyrix_Render(void* handle, Vyrix_RenderTargetE target);
+Vyrix_ReturnStatus Vyrix_ClearTarget(void* handle, Vyrix_RenderTargetE target);
+
+#endif /* __cplusplus */
+
+#endif /* VYRIX_API_H */

@@ -1,0 +1,41 @@
+// The Bluetooth port: an RFCOMM stream socket to channel 1 of a device.
+#ifndef LLC_BTPORT_H
+#define LLC_BTPORT_H
+
+#include "LLC_Port.h"
+
+class CBTPort : public CPort {
+public:
+    CBTPort();
+    ~CBTPort() override;
+    CBTPort(const CBTPort&) = delete;
+    CBTPort& operator=(const CBTPort&) = delete;
+
+    using CPort::OpenPort;
+    // 0; 0x5000000 null or over-long id, null pass key; 0x19000000 no
+    // adapter; 0x18000000 open already; 0x16000000 lock file present;
+    // 0x1000000 no socket or no connection.
+    Vyrix_ReturnStatus OpenPort(const char* uniqueID, const char* passKey) override;
+    Vyrix_ReturnStatus ClosePort() override;
+    // Blocks up to the 2 s receive time-out.
+    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen) override;
+    Vyrix_ReturnStatus WritePort(unsigned char* outbuf, unsigned short Len) override;
+    // Inquiry (about 10 s) plus one name request per device.
+    Vyrix_ReturnStatus EnumerateDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                        void* pDeviceInfo) override;
+
+    static bool CheckForBTHRadio();
+    const char* LockFileName() const { return m_lockfile_str; }
+
+private:
+    Vyrix_ReturnStatus CreateLockFile();
+    void RemoveLockFile(const char* function);
+
+    int m_gRFCommSock;
+    BOOL m_bDeviceDetected;
+    const char* m_uniqueID;
+    const char* m_passKey;
+    char m_lockfile_str[KT_LOCK_NAME_SIZE];
+};
+
+#endif  // LLC_BTPORT_H

@@ -1,0 +1,67 @@
+// Declarations shared by the LLC layer: constants, result helpers, logging.
+#ifndef LLC_COMMON_H
+#define LLC_COMMON_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Vyrix_LLC_Api_Ex.h"
+#include "vyrix_rc.h"
+
+// Line settings of the serial transport.
+constexpr unsigned long KT_VYRIX_BAUDRATE = 57600;
+
+// Packet framing: start byte plus four header bytes; one checksum byte.
+constexpr unsigned KT_XLNK_HEADER_LEN = 5;
+constexpr unsigned KT_XLNK_MAX_PACKET = KT_XLNK_MAX_PAYLOAD + KT_XLNK_HEADER_LEN + 1;  // 4101
+constexpr uint8_t KT_XLNK_START_BYTE = 0xC0;
+
+// Lock files that mark a device as taken, and the log files.
+constexpr const char* KT_LOCK_PREFIX_SERIAL = "/tmp/vyrix_llc_com";
+constexpr const char* KT_LOCK_PREFIX_BTH = "/tmp/vyrix_llc_bth";
+constexpr const char* KT_LOCK_PREFIX_USB = "/tmp/vyrix_llc_usb";
+constexpr size_t KT_LOCK_NAME_SIZE = 128;
+constexpr const char* KT_LOG_FILE_NAME = "/tmp/Vyrix_SDK.log";
+constexpr const char* KT_LOG_FILE_PREFIX = "/tmp/Vyrix_SDK";
+
+// Waiting and retrying.
+constexpr unsigned KT_REMOVE_POLL_MS = 100;        // pause between reply polls
+constexpr unsigned KT_RESEND_COUNT = 11;           // resends on a broadcast-addressed reply
+constexpr unsigned KT_RESEND_SETTLE_MS = 500;      // pause after each resend
+constexpr unsigned KT_RESEND_MAX_POLLS = 1000;     // polls after each resend
+constexpr unsigned KT_NO_RETRY_COPY_PAUSE_MS = 1000;
+constexpr unsigned KT_QUEUE_FLUSH_RECORDS = 20;    // records dropped per queue flush
+constexpr unsigned KT_THREAD_CLOSE_POLL_MS = 250;
+constexpr unsigned KT_WRITE_RETRY_MS = 25;         // serial/Bluetooth write on EAGAIN
+constexpr unsigned KT_SERIAL_READ_WAIT_MS = 100;   // longest serial read wait
+constexpr unsigned KT_BTH_IO_TIMEOUT_S = 2;
+constexpr uint8_t KT_BTH_RFCOMM_CHANNEL = 1;
+
+// USB identity and transfers.
+#ifndef VYRIX_USB_VENDOR_ID
+#error "VYRIX_USB_VENDOR_ID is set by the build"
+#endif
+constexpr uint16_t KT_USB_PRODUCT_ID = 0x0004;
+constexpr unsigned char KT_USB_IN_EP = 0x81;
+constexpr int KT_USB_PACKET_SIZE = 64;
+constexpr unsigned KT_USB_READ_TIMEOUT_MS = 2000;
+constexpr unsigned KT_USB_WRITE_TIMEOUT_MS = 1000;
+constexpr unsigned KT_USB_CONTROL_TIMEOUT_MS = 1000;
+constexpr int KT_USB_STRING_SIZE = 255;
+
+// The result word that carries a library code.
+constexpr Vyrix_ReturnStatus RC(Vyrix_ReturnCodeE code) {
+    return static_cast<Vyrix_ReturnStatus>(static_cast<uint32_t>(code) << 24);
+}
+constexpr Vyrix_ReturnStatus RC_OK = eVYRIX_RETURN_SUCCESS;
+constexpr bool HasCode(Vyrix_ReturnStatus r, Vyrix_ReturnCodeE code) {
+    return (static_cast<uint32_t>(r) >> 24) == static_cast<uint32_t>(code);
+}
+
+// Writes one entry while the log exists; drops it otherwise.
+void LlcLog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Milliseconds; one call sleeps at most 4294967 ms.
+void LLCSleep(unsigned long ulMilliSecs);
+
+#endif  // LLC_COMMON_H

@@ -1,0 +1,51 @@
+// The process-wide log: /tmp/Vyrix_SDK.log, shared between processes by an
+// advisory lock, with a time-stamped file of its own for a process that
+// finds the shared file taken.
+#ifndef LLC_LOGFILE_H
+#define LLC_LOGFILE_H
+
+#include <pthread.h>
+
+#include <cstdarg>
+#include <cstdio>
+
+class CLogFile {
+public:
+    static CLogFile* getInstance();
+    ~CLogFile();
+    CLogFile(const CLogFile&) = delete;
+    CLogFile& operator=(const CLogFile&) = delete;
+
+    void WriteLogFile(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void WriteLogFileEx(const char* fmt, va_list varParList);
+
+    // Fills uniqueName (64 bytes at least) with "/tmp/Vyrix_SDK_<stamp>.log";
+    // returns its length, or -1 (name untouched) when no stamp can be made.
+    static int genUniqueFilename(char* uniqueName);
+
+    // The stream entries go to (for tests and diagnostics).
+    FILE* Stream() const { return m_pFileHandle; }
+
+private:
+    CLogFile();
+    void OpenUniqueFile();
+
+    FILE* m_pFileHandle;
+    int m_fd;
+    pthread_mutex_t m_writeLock;
+    static CLogFile* m_pCLogInst;
+};
+
+// The log through which every writer goes; null while no port is open.  It
+// is only read or changed through the functions below, which keep a writer
+// on another thread from using a log that is being destroyed.
+extern CLogFile* g_pLogFile;
+
+// Creates the log when none exists (a port is being opened).
+void LogStart();
+// Destroys the log if it exists (a port was closed, or the library unloads).
+void LogEnd();
+// Whether a log exists now.
+bool LogExists();
+
+#endif  // LLC_LOGFILE_H

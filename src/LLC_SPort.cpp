@@ -1,0 +1,227 @@
+#include "LLC_SPort.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "LLC_Utility.h"
+
+namespace {
+constexpr size_t kPortNameSize = 100;
+constexpr char kDevPrefix[] = "/dev/";
+constexpr size_t kDevPrefixLen = sizeof kDevPrefix - 1;
+
+struct BaudEntry {
+    int rate;
+    speed_t constant;
+};
+constexpr BaudEntry kBaudTable[] = {
+    {0, B0},       {50, B50},       {75, B75},       {110, B110},   {134, B134},   {150, B150},
+    {200, B200},   {300, B300},     {600, B600},     {1200, B1200}, {1800, B1800}, {2400, B2400},
+    {4800, B4800}, {9600, B9600},   {19200, B19200}, {38400, B38400}, {115200, B115200},
+};
+
+using Clock = std::chrono::steady_clock;
+
+void SleepUntil(Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left > 0) LLCSleep(static_cast<unsigned long>(left));
+}
+}  // namespace
+
+CSPort::CSPort()
+    : m_portName(), m_nPortHandle(-1), m_dwBaud(0), m_cParity(0), m_nByteSize(0), m_fStop(0), m_lockfile_str(),
+      m_oldTio(), m_newTio() {}
+
+CSPort::~CSPort() {
+    if (m_nPortHandle >= 0) ClosePort();
+}
+
+bool CSPort::LockNameFor(const char* portName, char* out) {
+    const char* device = portName;
+    if (strncmp(portName, kDevPrefix, kDevPrefixLen) == 0) device += kDevPrefixLen;
+    int n = snprintf(out, KT_LOCK_NAME_SIZE, "%s_%s.lock", KT_LOCK_PREFIX_SERIAL, device);
+    if (n < 0 || static_cast<size_t>(n) >= KT_LOCK_NAME_SIZE) {
+        out[0] = '\0';
+        return false;
+    }
+    // Every further '/' becomes '_', so the name stays one file in /tmp.
+    for (char* p = out + strlen(KT_LOCK_PREFIX_SERIAL); *p != '\0'; ++p)
+        if (*p == '/') *p = '_';
+    return true;
+}
+
+Vyrix_ReturnStatus CSPort::CreateLockFile() {
+    LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", m_lockfile_str);
+    int openResult = -1;
+    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult)) {
+        LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
+        // Not ours: never remove it.
+        m_lockfile_str[0] = '\0';
+        return RC(eVYRIX_NOT_CONNECTED);
+    }
+    return RC_OK;
+}
+
+void CSPort::RemoveLockFile(const char* function) {
+    char name[KT_LOCK_NAME_SIZE];
+    memcpy(name, m_lockfile_str, sizeof name);
+    if (!ReleaseLockFile(m_lockfile_str)) LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
+}
+
+Vyrix_ReturnStatus CSPort::OpenPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
+                                    float fStop) {
+    if (portName == nullptr) {
+        LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
+        return RC(eVYRIX_INVALID_ARGUMENT);
+    }
+    if (m_nPortHandle >= 0) {
+        LlcLog("<ERROR> %s Port already opened\n", "OpenPort");
+        return RC(eVYRIX_ALREADY_OPENED);
+    }
+    char lockName[KT_LOCK_NAME_SIZE];
+    if (strnlen(portName, kPortNameSize) >= kPortNameSize || !LockNameFor(portName, lockName)) {
+        LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
+        return RC(eVYRIX_INVALID_ARGUMENT);
+    }
+    memcpy(m_portName, portName, strlen(portName) + 1);
+    memcpy(m_lockfile_str, lockName, sizeof lockName);
+    if (CreateLockFile() != RC_OK) {
+        LlcLog("<ERROR> %s Device not connected\n", "OpenPort");
+        return RC(eVYRIX_NOT_CONNECTED);
+    }
+    LlcLog("<INFO> %s Opening serial device :%s\n", "OpenPort", m_portName);
+    m_nPortHandle = open(m_portName, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (m_nPortHandle < 0) {
+        LlcLog("<INFO> %s Opening '%s' failed\n", "OpenPort", m_portName);
+        m_nPortHandle = -1;
+        RemoveLockFile("OpenPort");
+        return RC(eVYRIX_FAILURE);
+    }
+    tcgetattr(m_nPortHandle, &m_oldTio);
+    m_newTio.c_cflag = CREAD;
+    setParityFlag(cParity);
+    setBaudRateFlag(static_cast<double>(dwBaud));
+    setByteSizeFlag(nByteSize, fStop);
+    setControlChar();
+    tcflush(m_nPortHandle, TCIFLUSH);
+    tcsetattr(m_nPortHandle, TCSANOW, &m_newTio);
+    return RC_OK;
+}
+
+int CSPort::setParityFlag(char c) {
+    if (c == 'O' || c == 'o') {
+        m_newTio.c_cflag |= PARENB | PARODD;
+        LlcLog("Odd parity\n");
+        return parity_odd;
+    }
+    if (c == 'E' || c == 'e') {
+        m_newTio.c_cflag |= PARENB;
+        m_newTio.c_cflag &= ~static_cast<tcflag_t>(PARODD);
+        LlcLog("Even parity\n");
+        return parity_even;
+    }
+    return parity_none;
+}
+
+void CSPort::setBaudRateFlag(double rate) {
+    int baud = static_cast<int>(rate);
+    LlcLog("<INFO> %s Setting %d for baudrate\n", "setBaudRateFlag", baud);
+    speed_t speed = B57600;
+    for (const BaudEntry& entry : kBaudTable)
+        if (entry.rate == baud) speed = entry.constant;
+    cfsetspeed(&m_newTio, speed);
+}
+
+void CSPort::setByteSizeFlag(int nByteSize, float fStop) {
+    LlcLog("<INFO> %s setting %d\n", "setByteSizeFlag", nByteSize);
+    switch (nByteSize) {
+        case 5: break;
+        case 6: m_newTio.c_cflag |= CS6; break;
+        case 7: m_newTio.c_cflag |= CS7; break;
+        default: m_newTio.c_cflag |= CS8; break;
+    }
+    if (fStop == 2.0f) m_newTio.c_cflag |= CSTOPB;
+}
+
+void CSPort::setControlChar() {
+    cc_t* cc = m_newTio.c_cc;
+    cc[VINTR] = 0;
+    cc[VQUIT] = 0;
+    cc[VERASE] = 0;
+    cc[VKILL] = 0;
+    cc[VEOF] = 4;
+    cc[VTIME] = 0;
+    cc[VMIN] = 1;
+    cc[VSWTC] = 0;
+    cc[VSTART] = 0;
+    cc[VSTOP] = 0;
+    cc[VSUSP] = 0;
+    cc[VEOL] = 0;
+    cc[VREPRINT] = 0;
+    cc[VDISCARD] = 0;
+    cc[VWERASE] = 0;
+    cc[VLNEXT] = 0;
+    cc[VEOL2] = 0;
+}
+
+Vyrix_ReturnStatus CSPort::ReadPort(unsigned char* inbuf, int* outLen) {
+    if (inbuf == nullptr || outLen == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
+    if (m_nPortHandle < 0) {
+        LlcLog("<ERROR> %s :  Port handle is NULL.\n", "ReadPort");
+        return RC(eVYRIX_NOT_CONNECTED);
+    }
+    // Wait for input instead of returning at once, so the receive loop does
+    // not spin; a hung-up or failing line also costs the whole wait.
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(KT_SERIAL_READ_WAIT_MS);
+    for (;;) {
+        ssize_t n = read(m_nPortHandle, inbuf, KT_XLNK_MAX_PACKET);
+        if (n > 0) {
+            *outLen = static_cast<int>(n);
+            return RC_OK;
+        }
+        if (n == 0 || (errno != EAGAIN && errno != EINTR)) break;
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) return RC(eVYRIX_FAILURE);
+        struct pollfd pfd = {m_nPortHandle, POLLIN, 0};
+        int ready = poll(&pfd, 1, static_cast<int>(left));
+        if (ready > 0 && !(pfd.revents & POLLIN)) break;  // hang-up or error
+    }
+    SleepUntil(deadline);
+    return RC(eVYRIX_FAILURE);
+}
+
+Vyrix_ReturnStatus CSPort::WritePort(unsigned char* outbuf, unsigned short Len) {
+    if (outbuf == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
+    if (m_nPortHandle < 0) return RC(eVYRIX_NOT_CONNECTED);
+    size_t done = 0;
+    while (done < Len) {
+        ssize_t n = write(m_nPortHandle, outbuf + done, Len - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
+            LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
+            LLCSleep(KT_WRITE_RETRY_MS);
+        } else {
+            LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
+            return RC(eVYRIX_FAILURE);
+        }
+    }
+    return RC_OK;
+}
+
+Vyrix_ReturnStatus CSPort::ClosePort() {
+    if (m_nPortHandle < 0) return RC_OK;
+    RemoveLockFile("ClosePort");
+    LlcLog("<INFO> %s: Lock File Removed.\n", "ClosePort");
+    tcflush(m_nPortHandle, TCIFLUSH);
+    tcsetattr(m_nPortHandle, TCSANOW, &m_oldTio);
+    if (close(m_nPortHandle) != 0) return RC(eVYRIX_FAILURE);
+    m_nPortHandle = -1;
+    return RC_OK;
+}

@@ -1,0 +1,60 @@
+// The USB port: interface 0 of the first free device with the product's
+// identity, read from endpoint 0x81 and written to the first OUT endpoint of
+// its configuration, in 64-byte interrupt transfers.
+#ifndef LLC_USBPORT_H
+#define LLC_USBPORT_H
+
+#include <libusb.h>
+
+#include <atomic>
+
+#include "LLC_Port.h"
+
+// The OUT endpoint WritePort uses, shared by every USB port of the process;
+// set by each OpenPort that finds one.
+extern std::atomic<unsigned char> vyrix_write_ep_;
+
+class CUsbPort : public CPort {
+public:
+    CUsbPort();
+    ~CUsbPort() override;
+    CUsbPort(const CUsbPort&) = delete;
+    CUsbPort& operator=(const CUsbPort&) = delete;
+
+    using CPort::OpenPort;
+    // 0; 0x18000000 open already; 0x16000000 no free matching device (or
+    // its configuration lacks interfaces or an OUT endpoint); 0x1000000
+    // libusb, open or claim failure.
+    Vyrix_ReturnStatus OpenPort() override;
+    Vyrix_ReturnStatus ClosePort() override;
+    // At most 64 bytes; blocks up to 2 s (then 0x3000000).
+    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen) override;
+    // 64-byte transfers, zero-padded; 1 s time-out each.
+    Vyrix_ReturnStatus WritePort(unsigned char* outbuf, unsigned short Len) override;
+    Vyrix_ReturnStatus EnumerateDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                        void* pDeviceInfo) override;
+
+    // Reads string descriptor `index` as text into c_buff (255 bytes);
+    // returns the byte count of the descriptor transfer, or -1.
+    int GetSerialNumberString(libusb_device_handle* dev, unsigned char index, char* c_buff, int length);
+
+    const char* LockFileName() const { return reinterpret_cast<const char*>(m_lockfile_str); }
+
+private:
+    enum class Match { kSkip, kTake, kNoEndpoint };
+    Match InspectDevice(libusb_device* dev);
+    Vyrix_ReturnStatus CreateLockFile();
+    void RemoveLockFile();
+    Vyrix_ReturnStatus FailOpen(libusb_device** list, Vyrix_ReturnStatus result);
+    void FillRecord(libusb_device* dev, const libusb_device_descriptor& desc, Vyrix_EnumerateUSBInfo& record);
+
+    libusb_device_handle* m_vyrixHandle;
+    libusb_context* m_ctx;
+    libusb_device* m_vyrixdev;
+    BYTE m_bus_num;
+    BYTE m_dev_addr;
+    BYTE m_lockfile_str[KT_LOCK_NAME_SIZE];
+    bool m_claimed_interface;
+};
+
+#endif  // LLC_USBPORT_H

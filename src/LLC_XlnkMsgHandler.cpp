@@ -1,0 +1,213 @@
+#include "LLC_XlnkMsgHandler.h"
+
+#include <cstring>
+
+namespace {
+constexpr DWORD kSeekRemBytes = 5;
+constexpr DWORD kHeaderBytes = 4;
+constexpr BYTE kPriorityBits = 0xC0;
+}  // namespace
+
+CXlnkMsgHandler::CXlnkMsgHandler()
+    : m_ParseState(ePARSE_START),
+      m_pBuf(nullptr),
+      m_TotalBytes(0),
+      m_RemBytes(0),
+      m_BufIdx(0),
+      m_payLoadIdx(0),
+      m_checkSum(0),
+      m_currMsg() {
+    InitParser();
+}
+
+CXlnkMsgHandler::~CXlnkMsgHandler() { ReleasePayload(); }
+
+void CXlnkMsgHandler::InitParser() {
+    m_currMsg = KtXlnkMsgS{};
+    m_payLoadIdx = 0;
+    m_checkSum = 0;
+    m_RemBytes = kSeekRemBytes;
+}
+
+void CXlnkMsgHandler::ReleasePayload() {
+    delete[] m_currMsg.pPayload;
+    m_currMsg.pPayload = nullptr;
+}
+
+Vyrix_ReturnStatus CXlnkMsgHandler::FindChecksum(BYTE* inBuf, DWORD inBufLen, BYTE* checksum) {
+    if (inBuf == nullptr || checksum == nullptr) {
+        LlcLog("<ERROR> %s :Invalid argument\n", "FindChecksum");
+        return RC(eVYRIX_INVALID_ARGUMENT);
+    }
+    for (DWORD i = 0; i < inBufLen; ++i) *checksum = static_cast<BYTE>(*checksum - inBuf[i]);
+    return RC_OK;
+}
+
+Vyrix_ReturnStatus CXlnkMsgHandler::EncodePacket(KtXlnkMsgS sMsg, BYTE* outBuf) {
+    const char* error = nullptr;
+    Vyrix_ReturnStatus result = RC(eVYRIX_INVALID_ARGUMENT);
+    if (sMsg.deviceID != eEP_DEVICE && sMsg.deviceID != eAP_DEVICE) {
+        error = "<ERROR> %s :Invalid destination ID in the XLNK packet\n";
+    } else if (sMsg.sourceID != eHOST_DEVICE) {
+        error = "<ERROR> %s :Invalid source ID in the XLNK packet\n";
+    } else if (sMsg.priority != 0) {
+        error = "<ERROR> %s :Invalid priority in the XLNK packet\n";
+    } else if (sMsg.protocolID > ePROTOCOL_CONNECTION_ORIENTED) {
+        error = "<ERROR> %s :Invalid protocol ID in the XLNK packet\n";
+    } else if (sMsg.payloadLen > KT_XLNK_MAX_PAYLOAD) {
+        error = "<ERROR> %s :Payload length greater than max payload \n";
+        result = RC(eVYRIX_PAYLOAD_TOO_LARGE);
+    } else if (sMsg.payloadLen == 0) {
+        error = "<ERROR> %s :Invalid payload length in the XLNK packet\n";
+    } else if (sMsg.pPayload == nullptr) {
+        error = "<ERROR>  %s :NULL pointer for payload in the XLNK packet\n";
+    } else if (outBuf == nullptr) {
+        error = "<ERROR> %s :Invalid argument\n";
+    }
+    if (error != nullptr) {
+        LlcLog(error, "EncodePacket");
+        return result;
+    }
+
+    const WORD len = sMsg.payloadLen;
+    outBuf[0] = 0;
+    outBuf[1] = sMsg.deviceID;
+    outBuf[2] = eHOST_DEVICE;
+    outBuf[3] = static_cast<BYTE>(sMsg.protocolID * 16 + (len >> 8));
+    outBuf[4] = static_cast<BYTE>(len & 0xFF);
+    memcpy(outBuf + KT_XLNK_HEADER_LEN, sMsg.pPayload, len);
+    BYTE checksum = 0;
+    FindChecksum(outBuf, KT_XLNK_HEADER_LEN + len, &checksum);
+    outBuf[0] = KT_XLNK_START_BYTE;
+    outBuf[KT_XLNK_HEADER_LEN + len] = checksum;
+    return RC_OK;
+}
+
+bool CXlnkMsgHandler::SeekStart() {
+    InitParser();
+    while (m_BufIdx < m_TotalBytes) {
+        if (m_pBuf[m_BufIdx++] == KT_XLNK_START_BYTE) {
+            m_ParseState = ePARSE_HEADER;
+            m_RemBytes = kHeaderBytes;
+            return true;
+        }
+    }
+    return false;
+}
+
+CXlnkMsgHandler::HeaderByte CXlnkMsgHandler::TakeHeaderByte(BYTE byte) {
+    m_checkSum = static_cast<BYTE>(m_checkSum - byte);
+    switch (m_RemBytes) {
+        case 4:
+            if (byte != eHOST_DEVICE && byte != eBROADCAST_DEVICE_ID) {
+                LlcLog("<ERROR> %s :Invalid destination id in buffer\n", "ParseHeader");
+                return HeaderByte::kRejected;
+            }
+            m_currMsg.deviceID = byte;
+            break;
+        case 3:
+            if (byte != eEP_DEVICE && byte != eAP_DEVICE) {
+                LlcLog("<ERROR> %s :Invalid source id in buffer\n", "ParseHeader");
+                return HeaderByte::kRejected;
+            }
+            m_currMsg.sourceID = byte;
+            break;
+        case 2: {
+            if (byte & kPriorityBits) return HeaderByte::kRejected;
+            BYTE protocol = (byte >> 4) & 0x03;
+            if (protocol > ePROTOCOL_CONNECTION_ORIENTED) {
+                LlcLog("<ERROR> %s :Invalid protocol id in buffer\n", "ParseHeader");
+                return HeaderByte::kRejected;
+            }
+            m_currMsg.priority = 0;
+            m_currMsg.protocolID = protocol;
+            m_currMsg.payloadLen = byte & 0x0F;
+            break;
+        }
+        default:
+            m_currMsg.payloadLen = static_cast<WORD>(m_currMsg.payloadLen * 256 + byte);
+            m_RemBytes = 0;
+            return HeaderByte::kComplete;
+    }
+    --m_RemBytes;
+    return HeaderByte::kAccepted;
+}
+
+Vyrix_ReturnStatus CXlnkMsgHandler::ParseHeader() {
+    while (m_BufIdx < m_TotalBytes) {
+        HeaderByte outcome = TakeHeaderByte(m_pBuf[m_BufIdx]);
+        ++m_BufIdx;
+        if (outcome == HeaderByte::kComplete) {
+            m_ParseState = ePARSE_PAYLOAD;
+            m_payLoadIdx = 0;
+            m_RemBytes = m_currMsg.payloadLen;
+            return RC_OK;
+        }
+        if (outcome == HeaderByte::kRejected) {
+            LlcLog("<ERROR> %s :Valid header not found in buffer\n", "ParseHeader");
+            m_ParseState = ePARSE_START;
+            m_RemBytes = kSeekRemBytes;
+            return RC(eVYRIX_FAILURE);
+        }
+    }
+    LlcLog("<INFO> %s :Header not completely present in the current buffer\n", "ParseHeader");
+    return RC(eVYRIX_FAILURE);
+}
+
+Vyrix_ReturnStatus CXlnkMsgHandler::ParsePayload() {
+    if (m_currMsg.pPayload == nullptr && m_currMsg.payloadLen > 0) m_currMsg.pPayload = new BYTE[m_currMsg.payloadLen];
+    DWORD available = m_TotalBytes - m_BufIdx;
+    DWORD take = m_RemBytes < available ? m_RemBytes : available;
+    if (take > 0) {
+        memcpy(m_currMsg.pPayload + m_payLoadIdx, m_pBuf + m_BufIdx, take);
+        FindChecksum(m_pBuf + m_BufIdx, take, &m_checkSum);
+        m_payLoadIdx += take;
+        m_BufIdx += take;
+        m_RemBytes -= take;
+    }
+    if (m_RemBytes > 0) {
+        LlcLog("<INFO> %s :Payload not completely present in the current buffer\n", "ParsePayload");
+        return RC(eVYRIX_FAILURE);
+    }
+    m_ParseState = ePARSE_CHECKSUM;
+    m_RemBytes = 1;
+    return RC_OK;
+}
+
+Vyrix_ReturnStatus CXlnkMsgHandler::ParsePacket(BYTE* inBuf, DWORD dwNumBytes, KtXlnkMsgS* pMsg) {
+    if (inBuf == nullptr || pMsg == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
+    m_pBuf = inBuf;
+    m_TotalBytes = dwNumBytes;
+    m_BufIdx = 0;
+    Vyrix_ReturnStatus result = RC(eVYRIX_FAILURE);
+    for (;;) {
+        switch (m_ParseState) {
+            case ePARSE_START:
+                if (!SeekStart()) return result;
+                break;
+            case ePARSE_HEADER:
+                // A rejected header goes back to seeking, from the next byte.
+                if (ParseHeader() != RC_OK && m_ParseState == ePARSE_HEADER) return result;
+                break;
+            case ePARSE_PAYLOAD:
+                if (ParsePayload() != RC_OK) return result;
+                break;
+            case ePARSE_CHECKSUM: {
+                if (m_BufIdx >= m_TotalBytes) return result;
+                BYTE received = m_pBuf[m_BufIdx++];
+                m_ParseState = ePARSE_START;
+                m_RemBytes = kSeekRemBytes;
+                if (received != m_checkSum) {
+                    // Never deliver a damaged packet; look for the next one.
+                    LlcLog("<ERROR> %s :Invalid checksum in buffer\n", "ParsePacket");
+                    ReleasePayload();
+                    break;
+                }
+                *pMsg = m_currMsg;
+                if (pMsg->deviceID == eBROADCAST_DEVICE_ID) pMsg->protocolID = ePROTOCOL_CONNECTION_ORIENTED;
+                m_currMsg.pPayload = nullptr;  // now the receiver's
+                return RC_OK;
+            }
+        }
+    }
+}
