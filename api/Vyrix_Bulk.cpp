@@ -9,8 +9,8 @@
 namespace {
 constexpr Vyrix_ReturnStatus Result(Vyrix_ReturnCodeE code) { return VYRIX_RESULT(code); }
 constexpr unsigned kChunkBufferSize = 4095;
-constexpr unsigned kChunkData = 2548;      // data bytes of every chunk but the first
-constexpr unsigned kFirstChunkData = 4;    // the first chunk carries exactly these
+constexpr unsigned kChunkData = 2548;    // data bytes of every chunk but the first
+constexpr unsigned kFirstChunkData = 4;  // the first chunk carries exactly these
 constexpr int kChunkAttempts = 10;
 constexpr unsigned kIncompletePauseMs = 300;
 constexpr unsigned kLastChunkPauseMs = 20000;
@@ -74,10 +74,10 @@ Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned cha
         const unsigned remaining = dataSize - offset;
         const unsigned want = index == 0 ? kFirstChunkData : kChunkData;
         const unsigned length = remaining < want ? remaining : want;
-        const unsigned payloadLen = BuildChunk(buf.get(), opcode, index, pData + offset, length, target, position, size);
+        const unsigned payloadLen =
+            BuildChunk(buf.get(), opcode, index, pData + offset, length, target, position, size);
         for (int attempt = 0; attempt < kChunkAttempts; ++attempt) {
-            Vyrix_ReturnStatus sent =
-                SendXlnkMsg(opcode, buf.get(), static_cast<unsigned short>(payloadLen), deviceId);
+            Vyrix_ReturnStatus sent = SendXlnkMsg(opcode, buf.get(), static_cast<unsigned short>(payloadLen), deviceId);
             if (sent != eVYRIX_RETURN_SUCCESS) return sent;
             if (opcode != kImageOpcode && index == maxIndexFlag.load() && deviceId == eEP_DEVICE)
                 KtSleep(kLastChunkPauseMs);

@@ -96,8 +96,8 @@ Vyrix_ReturnStatus SendXlnkMsg(unsigned char /*opcode*/, unsigned char* pPayload
     if (deviceId != eEP_DEVICE && deviceId != eAP_DEVICE) return Result(eVYRIX_INVALID_ARGUMENT);
     if (pPayload == nullptr || payloadLen < kCommandHeader) return Result(eVYRIX_INVALID_ARGUMENT);
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
-    KtXlnkMsgS record {eHOST_DEVICE, static_cast<BYTE>(deviceId), 0, ePROTOCOL_CONNECTION_ORIENTED, payloadLen,
-                       pPayload};
+    KtXlnkMsgS record{eHOST_DEVICE, static_cast<BYTE>(deviceId), 0, ePROTOCOL_CONNECTION_ORIENTED, payloadLen,
+                      pPayload};
     pPayload[0] = kCommandMarker;
     pPayload[1] = kCommandMarker;
     {
@@ -114,7 +114,7 @@ Vyrix_ReturnStatus SendXlnkMsg(unsigned char /*opcode*/, unsigned char* pPayload
 void FlushMsgQueue() {
     std::unique_ptr<unsigned char[]> scratch(new unsigned char[kReplyCapacity]());
     for (unsigned i = 0; i < kFlushRecords; ++i) {
-        KtXlnkMsgS record {};
+        KtXlnkMsgS record{};
         record.payloadLen = kReplyCapacity;
         record.pPayload = scratch.get();
         if (KtRemoveMsg(&record, kFlushRetryCount) != eVYRIX_RETURN_SUCCESS) break;
@@ -127,7 +127,7 @@ Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, 
     // capacity asked for: the buffer always has room for it.
     const size_t room = *pReplyLen > kReplyCapacity ? *pReplyLen : kReplyCapacity;
     *ppReply = new unsigned char[room]();
-    KtXlnkMsgS record {};
+    KtXlnkMsgS record{};
     record.payloadLen = *pReplyLen;
     record.pPayload = *ppReply;
     Vyrix_ReturnStatus r;
@@ -150,8 +150,8 @@ Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg) {
         return Result(eVYRIX_FAILURE);
     const unsigned char* p = msg.pPayload;
     if (p == nullptr || msg.payloadLen < 2) return Result(eVYRIX_FAILURE);
-    const bool markers = (p[0] == kCommandMarker && p[1] == kCommandMarker) ||
-                         (p[0] == kAltReplyMarker && p[1] == kAltReplyMarker);
+    const bool markers =
+        (p[0] == kCommandMarker && p[1] == kCommandMarker) || (p[0] == kAltReplyMarker && p[1] == kAltReplyMarker);
     if (!markers) return Result(eVYRIX_FAILURE);
     if (msg.protocolID == ePROTOCOL_CONNECTIONLESS) return eVYRIX_RETURN_SUCCESS;
     if (msg.payloadLen < 3) return Result(eVYRIX_FAILURE);

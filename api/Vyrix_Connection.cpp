@@ -23,8 +23,7 @@ bool ValidRecord(const Vyrix_ConnectionInfoS& info) {
         }
         case eVYRIX_CONNECTION_USB:
             return info.usbInfo.productID == kUsbProductId && info.usbInfo.pSerialNumber != nullptr;
-        case eVYRIX_CONNECTION_BTH:
-            return info.bthInfo.pMacID != nullptr && info.bthInfo.pPassKey != nullptr;
+        case eVYRIX_CONNECTION_BTH: return info.bthInfo.pMacID != nullptr && info.bthInfo.pPassKey != nullptr;
     }
     return false;
 }
@@ -34,10 +33,8 @@ bool SameDevice(const Vyrix_ConnectionInfoS& a, const Vyrix_ConnectionInfoS& b) 
     switch (a.connectionType) {
         case eVYRIX_CONNECTION_USB:
             return strncmp(a.usbInfo.pSerialNumber, b.usbInfo.pSerialNumber, kSerialNumberCompare) == 0;
-        case eVYRIX_CONNECTION_UART:
-            return strncmp(a.uartInfo.pPortName, b.uartInfo.pPortName, kPortNameCompare) == 0;
-        case eVYRIX_CONNECTION_BTH:
-            return strcmp(a.bthInfo.pMacID, b.bthInfo.pMacID) == 0;
+        case eVYRIX_CONNECTION_UART: return strncmp(a.uartInfo.pPortName, b.uartInfo.pPortName, kPortNameCompare) == 0;
+        case eVYRIX_CONNECTION_BTH: return strcmp(a.bthInfo.pMacID, b.bthInfo.pMacID) == 0;
     }
     return false;
 }

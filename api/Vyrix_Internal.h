@@ -13,7 +13,7 @@
 
 struct Vyrix_LibraryContext {
     std::vector<Vyrix_ConnectionInfoS*> connections;  // owned, oldest first
-    uint8_t sequenceNumber = 0;                        // of the last command sent
+    uint8_t sequenceNumber = 0;                       // of the last command sent
 };
 
 extern Vyrix_LibraryContext* g_pLibCtx;  // null while the library is closed
@@ -32,7 +32,7 @@ constexpr unsigned kCommandHeader = 4;      // markers, sequence, opcode
 constexpr unsigned kReplyStatusOffset = 3;  // status word
 constexpr unsigned kReplyValuesOffset = 7;  // first reply value
 constexpr unsigned short kReplyCapacity = 4096;
-constexpr int kReplyRetryCount = 7500;      // about 750 s of polling
+constexpr int kReplyRetryCount = 7500;  // about 750 s of polling
 constexpr int kFlushRetryCount = 1;
 constexpr unsigned kFlushRecords = 20;
 

@@ -13,13 +13,48 @@
 
 namespace op {
 
-inline Vyrix_DataS U8(uint8_t v) { Vyrix_DataS d{}; d.type = eDATA_UINT8; d.value.u8 = v; return d; }
-inline Vyrix_DataS U16(uint16_t v) { Vyrix_DataS d{}; d.type = eDATA_UINT16; d.value.u16 = v; return d; }
-inline Vyrix_DataS I16(int16_t v) { Vyrix_DataS d{}; d.type = eDATA_INT16; d.value.i16 = v; return d; }
-inline Vyrix_DataS U32(uint32_t v) { Vyrix_DataS d{}; d.type = eDATA_UINT32; d.value.u32 = v; return d; }
-inline Vyrix_DataS I32(int32_t v) { Vyrix_DataS d{}; d.type = eDATA_INT32; d.value.i32 = v; return d; }
-inline Vyrix_DataS F32(float v) { Vyrix_DataS d{}; d.type = eDATA_FLOAT; d.value.f32 = v; return d; }
-inline Vyrix_DataS Buffer(Vyrix_DataBufferS* b) { Vyrix_DataS d{}; d.type = eDATA_BUFFER; d.value.pBuffer = b; return d; }
+inline Vyrix_DataS U8(uint8_t v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_UINT8;
+    d.value.u8 = v;
+    return d;
+}
+inline Vyrix_DataS U16(uint16_t v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_UINT16;
+    d.value.u16 = v;
+    return d;
+}
+inline Vyrix_DataS I16(int16_t v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_INT16;
+    d.value.i16 = v;
+    return d;
+}
+inline Vyrix_DataS U32(uint32_t v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_UINT32;
+    d.value.u32 = v;
+    return d;
+}
+inline Vyrix_DataS I32(int32_t v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_INT32;
+    d.value.i32 = v;
+    return d;
+}
+inline Vyrix_DataS F32(float v) {
+    Vyrix_DataS d{};
+    d.type = eDATA_FLOAT;
+    d.value.f32 = v;
+    return d;
+}
+inline Vyrix_DataS Buffer(Vyrix_DataBufferS* b) {
+    Vyrix_DataS d{};
+    d.type = eDATA_BUFFER;
+    d.value.pBuffer = b;
+    return d;
+}
 
 // Storage rules: a Set writes the current or saved copy; a Get may also
 // read the factory copy.
@@ -48,8 +83,7 @@ Vyrix_ReturnStatus Set(bool argumentsValid, uint8_t opcode, std::initializer_lis
 
 // The Get pattern with a custom reader of the reply values.
 template <typename Store>
-Vyrix_ReturnStatus Query(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params,
-                         Store store) {
+Vyrix_ReturnStatus Query(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params, Store store) {
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
@@ -58,8 +92,8 @@ Vyrix_ReturnStatus Query(bool argumentsValid, uint8_t opcode, std::initializer_l
         for (const Vyrix_DataS& p : params) records[count++] = p;
         unsigned char* reply = nullptr;
         unsigned short replyLength = 0;
-        Vyrix_ReturnStatus r = AlcSendCommandParamsGetReply(opcode, count ? records : nullptr, count, &reply,
-                                                            &replyLength, eEP_DEVICE);
+        Vyrix_ReturnStatus r =
+            AlcSendCommandParamsGetReply(opcode, count ? records : nullptr, count, &reply, &replyLength, eEP_DEVICE);
         return ReadReply(r, reply, store);
     } catch (...) {
         return VYRIX_RESULT(eVYRIX_INTERNAL_ERROR);

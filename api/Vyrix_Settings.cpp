@@ -65,8 +65,8 @@ Vyrix_ReturnStatus Vyrix_GetGamma(void* handle, uint32_t channel, float* gamma, 
 
 Vyrix_ReturnStatus Vyrix_SetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t mode,
                                                 Vyrix_ValueStorageTypeE storage) {
-    return Set(handle && channel < kGammaBoostChannels && SetStorage(storage) && OnOff(mode),
-               eOP_SET_VIDEO_GAMMA_BOOST, {U32(channel), U32(mode), U32(storage)});
+    return Set(handle && channel < kGammaBoostChannels && SetStorage(storage) && OnOff(mode), eOP_SET_VIDEO_GAMMA_BOOST,
+               {U32(channel), U32(mode), U32(storage)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t* mode,
@@ -107,8 +107,8 @@ Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPrope
 }
 
 Vyrix_ReturnStatus Vyrix_SetBiPhase(void* handle, int16_t biPhase, Vyrix_ValueStorageTypeE storage) {
-    return Set(handle && SetStorage(storage) && biPhase >= -kBiPhaseLimit && biPhase <= kBiPhaseLimit,
-               eOP_SET_BIPHASE, {I16(biPhase), U32(storage)});
+    return Set(handle && SetStorage(storage) && biPhase >= -kBiPhaseLimit && biPhase <= kBiPhaseLimit, eOP_SET_BIPHASE,
+               {I16(biPhase), U32(storage)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueStorageTypeE storage) {
@@ -125,10 +125,10 @@ Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int
 
 Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t* offset,
                                            Vyrix_ValueStorageTypeE storage) {
-    return Get(handle && selector2 >= 0 && selector2 <= kMaxSelector2 && OnOff(selector1) && GetStorage(storage) &&
-                   offset,
-               eOP_GET_COLOR_ALIGNMENT, {U32(selector1), U32(static_cast<uint32_t>(selector2)), U32(storage)},
-               {OutTruncated(offset)});
+    return Get(
+        handle && selector2 >= 0 && selector2 <= kMaxSelector2 && OnOff(selector1) && GetStorage(storage) && offset,
+        eOP_GET_COLOR_ALIGNMENT, {U32(selector1), U32(static_cast<uint32_t>(selector2)), U32(storage)},
+        {OutTruncated(offset)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value,

@@ -21,8 +21,8 @@ void StoreSystemInfo(const unsigned char* at, Vyrix_SystemInfoS* info) {
 void StoreEventLog(const unsigned char* at, uint16_t count, Vyrix_EventLogEntryS* entries) {
     for (uint16_t i = 0; i < count; ++i, at += kEventLogEntryBytes) {
         Vyrix_EventLogEntryS& e = entries[i];
-        StoreValues(at, {Out(&e.field1), Out(&e.field2), Out(&e.field3), Out(&e.field4), Out(&e.field5),
-                         Out(&e.field6)});
+        StoreValues(at,
+                    {Out(&e.field1), Out(&e.field2), Out(&e.field3), Out(&e.field4), Out(&e.field5), Out(&e.field6)});
     }
 }
 }  // namespace
@@ -38,8 +38,8 @@ Vyrix_ReturnStatus Vyrix_GetSystemStatus(void* handle, Vyrix_SystemStatusS* stat
     if (handle == nullptr || status == nullptr) return Get(false, eOP_GET_SYSTEM_STATUS, {}, {});
     Vyrix_SystemStatusS& s = *status;
     return Get(true, eOP_GET_SYSTEM_STATUS, {},
-               {Out(&s.statusWord1), Out(&s.statusWord2), Out(&s.statusValue), Out(&s.statusWord3),
-                Out(&s.statusWord4), Out(&s.statusWord5), Out(&s.statusWord6), Out(&s.statusWord7)});
+               {Out(&s.statusWord1), Out(&s.statusWord2), Out(&s.statusValue), Out(&s.statusWord3), Out(&s.statusWord4),
+                Out(&s.statusWord5), Out(&s.statusWord6), Out(&s.statusWord7)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetEventLog(void* handle, uint16_t count, Vyrix_EventLogEntryS* entries) {
@@ -56,7 +56,7 @@ Vyrix_ReturnStatus Vyrix_CommitAll(void* handle) { return Get(handle != nullptr,
 Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* /*handle*/, uint32_t upgradeParam1, uint32_t chunkLength,
                                          uint32_t upgradeParam3, const uint8_t* chunk) {
     // The whole 4000-byte chunk goes out, whatever chunkLength says.
-    Vyrix_DataBufferS data {const_cast<uint8_t*>(chunk), kUpgradeChunkBytes};
+    Vyrix_DataBufferS data{const_cast<uint8_t*>(chunk), kUpgradeChunkBytes};
     return Get(chunkLength <= kUpgradeChunkBytes && chunk != nullptr, eOP_UPGRADE_SOFTWARE,
                {U32(upgradeParam1), U32(chunkLength), U32(upgradeParam3), Buffer(&data)}, {});
 }

@@ -13,16 +13,16 @@
 #include <stdint.h>
 
 typedef enum Vyrix_ReturnCodeE {
-    eVYRIX_SUCCESS = 0,                  /* the operation succeeded */
-    eVYRIX_FAILURE = 1,                  /* a lock, allocation, validation or close failed */
-    eVYRIX_NOT_SUPPORTED = 2,            /* the operation is not carried out by this library */
-    eVYRIX_TIMEOUT = 3,                  /* a USB transfer timed out */
-    eVYRIX_UNINITIALIZED = 4,            /* the library is not open */
-    eVYRIX_INVALID_ARGUMENT = 5,         /* an argument is missing or out of range */
+    eVYRIX_SUCCESS = 0,          /* the operation succeeded */
+    eVYRIX_FAILURE = 1,          /* a lock, allocation, validation or close failed */
+    eVYRIX_NOT_SUPPORTED = 2,    /* the operation is not carried out by this library */
+    eVYRIX_TIMEOUT = 3,          /* a USB transfer timed out */
+    eVYRIX_UNINITIALIZED = 4,    /* the library is not open */
+    eVYRIX_INVALID_ARGUMENT = 5, /* an argument is missing or out of range */
     eVYRIX_INIT_FAILURE = 6,
-    eVYRIX_INCOMPLETE = 7,               /* no complete message queued; a transfer was stopped */
+    eVYRIX_INCOMPLETE = 7, /* no complete message queued; a transfer was stopped */
     eVYRIX_NOT_IMPLEMENTED = 8,
-    eVYRIX_INTERNAL_ERROR = 9,           /* an API operation caught an exception */
+    eVYRIX_INTERNAL_ERROR = 9, /* an API operation caught an exception */
     eVYRIX_DEVICE_ERROR = 10,
     eVYRIX_RESOURCE_BUSY = 11,
     eVYRIX_RESOURCE_FULL = 12,
@@ -35,22 +35,19 @@ typedef enum Vyrix_ReturnCodeE {
     eVYRIX_NO_MORE_RESOURCES = 19,
     eVYRIX_OS_ERROR = 20,
     eVYRIX_EMPTY = 21,
-    eVYRIX_NOT_CONNECTED = 22,           /* no port open, connection unknown, device gone */
-    eVYRIX_COMMUNICATION_ERROR = 23,     /* the device answered with an error reply */
-    eVYRIX_ALREADY_OPENED = 24,          /* library, connection or port already open */
-    eVYRIX_BTH_DISABLED = 25,            /* no usable Bluetooth adapter */
-    eVYRIX_PAYLOAD_TOO_LARGE = 26,       /* a payload or buffer exceeds 4095 bytes */
-    eVYRIX_RETRY = 27,                   /* link layer only: the device asked for a resend */
+    eVYRIX_NOT_CONNECTED = 22,       /* no port open, connection unknown, device gone */
+    eVYRIX_COMMUNICATION_ERROR = 23, /* the device answered with an error reply */
+    eVYRIX_ALREADY_OPENED = 24,      /* library, connection or port already open */
+    eVYRIX_BTH_DISABLED = 25,        /* no usable Bluetooth adapter */
+    eVYRIX_PAYLOAD_TOO_LARGE = 26,   /* a payload or buffer exceeds 4095 bytes */
+    eVYRIX_RETRY = 27,               /* link layer only: the device asked for a resend */
     eVYRIX_RECONNECT_FAILED = 28,
-    eVYRIX_MAX_RETURN_CODE_ENUM = 29     /* count of codes; never returned */
+    eVYRIX_MAX_RETURN_CODE_ENUM = 29 /* count of codes; never returned */
 } Vyrix_ReturnCodeE;
 
 /* The result word.  Only its width is fixed by the enumeration. */
 #ifdef __cplusplus
-enum Vyrix_ReturnStatus : uint32_t {
-    eVYRIX_RETURN_SUCCESS = 0,
-    eVYRIX_MAX_RETURN_STATUS_ENUM = 0xFFFFFFFFu
-};
+enum Vyrix_ReturnStatus : uint32_t { eVYRIX_RETURN_SUCCESS = 0, eVYRIX_MAX_RETURN_STATUS_ENUM = 0xFFFFFFFFu };
 #else
 typedef uint32_t Vyrix_ReturnStatus;
 #define eVYRIX_RETURN_SUCCESS ((Vyrix_ReturnStatus)0)

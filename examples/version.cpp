@@ -10,7 +10,7 @@ int main() {
         std::fprintf(stderr, "Vyrix_OpenLibrary failed: 0x%08X\n", static_cast<unsigned>(r));
         return 1;
     }
-    Vyrix_LibraryInfoS info {};
+    Vyrix_LibraryInfoS info{};
     r = Vyrix_GetLibraryInfo(library, &info);
     if (r == eVYRIX_RETURN_SUCCESS)
         std::printf("libVyrix_Api version %u.%u.%u build %u\n", info.majorVersion, info.minorVersion, info.revision,

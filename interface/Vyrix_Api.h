@@ -137,7 +137,11 @@ typedef struct Vyrix_FrameRateS {
     uint32_t param2;
 } Vyrix_FrameRateS;
 
-typedef enum Vyrix_VideoModeHandleE { eVYRIX_VIDEO_MODE_0 = 0, eVYRIX_VIDEO_MODE_1, eVYRIX_VIDEO_MODE_2 } Vyrix_VideoModeHandleE;
+typedef enum Vyrix_VideoModeHandleE {
+    eVYRIX_VIDEO_MODE_0 = 0,
+    eVYRIX_VIDEO_MODE_1,
+    eVYRIX_VIDEO_MODE_2
+} Vyrix_VideoModeHandleE;
 
 typedef struct Vyrix_VideoCaptureInfoS {
     uint16_t width;
@@ -146,14 +150,21 @@ typedef struct Vyrix_VideoCaptureInfoS {
     uint32_t flags;
 } Vyrix_VideoCaptureInfoS;
 
-typedef enum Vyrix_WhitePointE { eVYRIX_WHITE_POINT_D65 = 0, eVYRIX_WHITE_POINT_D50, eVYRIX_WHITE_POINT_NATIVE } Vyrix_WhitePointE;
+typedef enum Vyrix_WhitePointE {
+    eVYRIX_WHITE_POINT_D65 = 0,
+    eVYRIX_WHITE_POINT_D50,
+    eVYRIX_WHITE_POINT_NATIVE
+} Vyrix_WhitePointE;
 
 typedef enum Vyrix_HorizontalBrightnessCompensationModeE {
     eVYRIX_HBC_OFF = 0,
     eVYRIX_HBC_ON
 } Vyrix_HorizontalBrightnessCompensationModeE;
 
-typedef enum Vyrix_SensingDataInterfaceE { eVYRIX_SENSING_IF_NONE = 0, eVYRIX_SENSING_IF_USB } Vyrix_SensingDataInterfaceE;
+typedef enum Vyrix_SensingDataInterfaceE {
+    eVYRIX_SENSING_IF_NONE = 0,
+    eVYRIX_SENSING_IF_USB
+} Vyrix_SensingDataInterfaceE;
 
 typedef enum Vyrix_ToFDataFormatE { eVYRIX_TOF_FORMAT_RAW = 0, eVYRIX_TOF_FORMAT_POINT_CLOUD } Vyrix_ToFDataFormatE;
 
@@ -213,7 +224,11 @@ typedef struct Vyrix_ColorS {
     uint8_t alpha;
 } Vyrix_ColorS;
 
-typedef enum Vyrix_RenderTargetE { eVYRIX_RENDER_TARGET_0 = 0, eVYRIX_RENDER_TARGET_1, eVYRIX_RENDER_TARGET_OSD } Vyrix_RenderTargetE;
+typedef enum Vyrix_RenderTargetE {
+    eVYRIX_RENDER_TARGET_0 = 0,
+    eVYRIX_RENDER_TARGET_1,
+    eVYRIX_RENDER_TARGET_OSD
+} Vyrix_RenderTargetE;
 
 typedef enum Vyrix_OSDStateE { eVYRIX_OSD_OFF = 0, eVYRIX_OSD_ON } Vyrix_OSDStateE;
 
@@ -305,8 +320,7 @@ Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int
 Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t* offset,
                                            Vyrix_ValueStorageTypeE storage);
 /* index 0..8, value -65536..65535 */
-Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value,
-                                           Vyrix_ValueStorageTypeE storage);
+Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value, Vyrix_ValueStorageTypeE storage);
 Vyrix_ReturnStatus Vyrix_GetColorConverter(void* handle, int32_t index, int32_t* value,
                                            Vyrix_ValueStorageTypeE storage);
 /* mode 0..2; params and storage passed on unchecked */

@@ -124,8 +124,8 @@ Vyrix_ReturnStatus KtCheckBthSocket(void);
  * port's write error.  Blocking: until the packet is written.
  */
 Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg);
-Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID,
-                                 WORD wPayloadLen, BYTE* pPayload);
+Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID, WORD wPayloadLen,
+                                 BYTE* pPayload);
 
 /*
  * Take the oldest reply.  The caller's buffer must hold 4095 bytes (the
@@ -151,8 +151,8 @@ Vyrix_ReturnStatus KtRemoveConnectionlessMsg(KtXlnkMsgS* pMsg);
  * are written only on success. */
 Vyrix_ReturnStatus KtRemoveMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
                                    BYTE* pPayload, WORD cbPayload);
-Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID,
-                                                 WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload);
+Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
+                                                 BYTE* pPayload, WORD cbPayload);
 
 /* Close the transport's port and destroy its handler; ends the log (of every
  * transport).  Waits for the receive thread, polling every 250 ms (at most

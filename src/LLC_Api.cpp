@@ -71,7 +71,7 @@ Vyrix_ReturnStatus RemoveInto(KtQueueTypeE queue, const char* function, BYTE* pD
         LlcLog("<ERROR> %s :Payload length greater than max payload %d\n", function, cbPayload);
         return RC(eVYRIX_PAYLOAD_TOO_LARGE);
     }
-    KtXlnkMsgS record {};
+    KtXlnkMsgS record{};
     record.payloadLen = cbPayload;
     record.pPayload = pPayload;
     if (queue == eCONNECTION_ORIENTED) LlcLog("<INFO> %s Payload length : %d\n", function, cbPayload);
@@ -173,10 +173,10 @@ Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg) {
     }
 }
 
-Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID,
-                                 WORD wPayloadLen, BYTE* pPayload) {
+Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID, WORD wPayloadLen,
+                                 BYTE* pPayload) {
     try {
-        KtXlnkMsgS record {ucSourceID, ucDeviceID, ucPriority, ucProtocolID, wPayloadLen, pPayload};
+        KtXlnkMsgS record{ucSourceID, ucDeviceID, ucPriority, ucProtocolID, wPayloadLen, pPayload};
         CCommHandler* handler = ChooseHandler("KtSendMessage");
         return handler ? handler->SendMsg(record) : RC(eVYRIX_NOT_CONNECTED);
     } catch (...) {
@@ -226,8 +226,8 @@ Vyrix_ReturnStatus KtRemoveMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProt
     }
 }
 
-Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID,
-                                                 WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload) {
+Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
+                                                 BYTE* pPayload, WORD cbPayload) {
     try {
         return RemoveInto(eCONNECTIONLESS, "KtRemoveConnectionlessMessage", pDeviceID, pPriority, pProtocolID,
                           pPayloadLen, pPayload, cbPayload);

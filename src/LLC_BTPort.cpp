@@ -24,7 +24,10 @@ constexpr char kUnknownName[] = "[unknown]";
 }  // namespace
 
 CBTPort::CBTPort()
-    : m_gRFCommSock(-1), m_bDeviceDetected(0), m_uniqueID(new char[kUniqueIdSize]()), m_passKey(nullptr),
+    : m_gRFCommSock(-1),
+      m_bDeviceDetected(0),
+      m_uniqueID(new char[kUniqueIdSize]()),
+      m_passKey(nullptr),
       m_lockfile_str() {}
 
 CBTPort::~CBTPort() {

@@ -18,7 +18,7 @@ constexpr size_t kRecordHeader = 6;
 constexpr size_t kScratchPayload = 4096;
 
 timespec DeadlineIn(unsigned ms) {
-    timespec ts {};
+    timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     ts.tv_sec += ms / 1000;
     ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
@@ -31,8 +31,13 @@ timespec DeadlineIn(unsigned ms) {
 }  // namespace
 
 CCommHandler::CCommHandler()
-    : m_port(nullptr), m_bConnected(false), m_lastPacket(nullptr), m_LastPayloadLen(0), m_waitingReply(false),
-      m_recordQueued(), m_queuedRecords() {
+    : m_port(nullptr),
+      m_bConnected(false),
+      m_lastPacket(nullptr),
+      m_LastPayloadLen(0),
+      m_waitingReply(false),
+      m_recordQueued(),
+      m_queuedRecords() {
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
@@ -92,8 +97,7 @@ Vyrix_ReturnStatus CCommHandler::OpenPort(const char* m_uniqueID, const char* m_
     }
     auto* port = new CBTPort();
     m_port = port;
-    return StartLink(port->OpenPort(m_uniqueID, m_pass_Key), "<ERROR> %s :Error during OSAL open bth socket \n",
-                     false);
+    return StartLink(port->OpenPort(m_uniqueID, m_pass_Key), "<ERROR> %s :Error during OSAL open bth socket \n", false);
 }
 
 Vyrix_ReturnStatus CCommHandler::IsDeviceConnected() { return m_bConnected ? RC_OK : RC(eVYRIX_FAILURE); }
@@ -111,7 +115,7 @@ int CCommHandler::ReadThreadRoutine(void* arg) {
             return 0;
         }
         if (r == RC_OK && bBytesRead > 0) {
-            KtXlnkMsgS sMsg {};
+            KtXlnkMsgS sMsg{};
             if (self->m_msgHandler.ParsePacket(buf, static_cast<DWORD>(bBytesRead), &sMsg) == RC_OK) {
                 self->Deliver(sMsg);
                 delete[] sMsg.pPayload;
@@ -209,7 +213,7 @@ Vyrix_ReturnStatus CCommHandler::RemoveMsgFromQueue(Queue& queue, KtXlnkMsgS* pM
 void CCommHandler::ClearMsgQ(Queue& queue) {
     std::unique_ptr<BYTE[]> scratch(new BYTE[kScratchPayload]);
     for (unsigned i = 0; i < KT_QUEUE_FLUSH_RECORDS; ++i) {
-        KtXlnkMsgS record {};
+        KtXlnkMsgS record{};
         record.payloadLen = static_cast<WORD>(kScratchPayload);
         record.pPayload = scratch.get();
         Vyrix_ReturnStatus r = RemoveMsgFromQueue(queue, &record);
@@ -342,8 +346,7 @@ void CCommHandler::WaitForRecord(KtQueueTypeE queueType, uint64_t seen, unsigned
     m_syncObj.UnlockSyncObject();
 }
 
-Vyrix_ReturnStatus CCommHandler::CheckEnumerationArgs(unsigned* pNumDevices, void* pDeviceInfo,
-                                                      const char* function) {
+Vyrix_ReturnStatus CCommHandler::CheckEnumerationArgs(unsigned* pNumDevices, void* pDeviceInfo, const char* function) {
     if (pNumDevices == nullptr || pDeviceInfo == nullptr) {
         LlcLog("<ERROR> %s:Invalid parameter\n", function);
         return RC(eVYRIX_INVALID_ARGUMENT);

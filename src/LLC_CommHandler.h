@@ -27,8 +27,8 @@ public:
     CCommHandler(const CCommHandler&) = delete;
     CCommHandler& operator=(const CCommHandler&) = delete;
 
-    Vyrix_ReturnStatus OpenPort();                                           // USB
-    Vyrix_ReturnStatus OpenPort(const char* pPortName, DWORD dwBaud);        // serial
+    Vyrix_ReturnStatus OpenPort();                                                // USB
+    Vyrix_ReturnStatus OpenPort(const char* pPortName, DWORD dwBaud);             // serial
     Vyrix_ReturnStatus OpenPort(const char* m_uniqueID, const char* m_pass_Key);  // Bluetooth
 
     // 0 while the link is up, else 0x1000000.

@@ -21,9 +21,9 @@ struct BaudEntry {
     speed_t constant;
 };
 constexpr BaudEntry kBaudTable[] = {
-    {0, B0},       {50, B50},       {75, B75},       {110, B110},   {134, B134},   {150, B150},
-    {200, B200},   {300, B300},     {600, B600},     {1200, B1200}, {1800, B1800}, {2400, B2400},
-    {4800, B4800}, {9600, B9600},   {19200, B19200}, {38400, B38400}, {115200, B115200},
+    {0, B0},       {50, B50},     {75, B75},       {110, B110},     {134, B134},       {150, B150},
+    {200, B200},   {300, B300},   {600, B600},     {1200, B1200},   {1800, B1800},     {2400, B2400},
+    {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400}, {115200, B115200},
 };
 
 using Clock = std::chrono::steady_clock;
@@ -35,8 +35,15 @@ void SleepUntil(Clock::time_point deadline) {
 }  // namespace
 
 CSPort::CSPort()
-    : m_portName(), m_nPortHandle(-1), m_dwBaud(0), m_cParity(0), m_nByteSize(0), m_fStop(0), m_lockfile_str(),
-      m_oldTio(), m_newTio() {}
+    : m_portName(),
+      m_nPortHandle(-1),
+      m_dwBaud(0),
+      m_cParity(0),
+      m_nByteSize(0),
+      m_fStop(0),
+      m_lockfile_str(),
+      m_oldTio(),
+      m_newTio() {}
 
 CSPort::~CSPort() {
     if (m_nPortHandle >= 0) ClosePort();

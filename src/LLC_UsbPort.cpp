@@ -35,7 +35,12 @@ ssize_t DeviceList(libusb_context* ctx, libusb_device*** list) {
 }  // namespace
 
 CUsbPort::CUsbPort()
-    : m_vyrixHandle(nullptr), m_ctx(nullptr), m_vyrixdev(nullptr), m_bus_num(0), m_dev_addr(0), m_lockfile_str(),
+    : m_vyrixHandle(nullptr),
+      m_ctx(nullptr),
+      m_vyrixdev(nullptr),
+      m_bus_num(0),
+      m_dev_addr(0),
+      m_lockfile_str(),
       m_claimed_interface(false) {}
 
 CUsbPort::~CUsbPort() {
@@ -113,7 +118,7 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     LlcLog("<INFO> %s: %d devices.\n", "OpenPort", static_cast<int>(count));
     libusb_device* taken = nullptr;
     for (ssize_t i = 0; i < count && taken == nullptr; ++i) {
-        libusb_device_descriptor desc {};
+        libusb_device_descriptor desc{};
         int err = libusb_get_device_descriptor(list[i], &desc);
         if (err != 0) {
             LlcLog("<INFO> %s: Failed to get device descriptor. %d\n", "OpenPort", err);
@@ -256,7 +261,7 @@ Vyrix_ReturnStatus CUsbPort::EnumerateDevices(unsigned int numDevicesToEnumerate
     auto* records = static_cast<Vyrix_EnumerateUSBInfo*>(pDeviceInfo);
     unsigned int filled = 0;
     for (ssize_t i = 0; i < count && filled < numDevicesToEnumerate; ++i) {
-        libusb_device_descriptor desc {};
+        libusb_device_descriptor desc{};
         if (libusb_get_device_descriptor(list[i], &desc) != 0) {
             LlcLog("<INFO> %s: Failed to get device descriptor of device no: %d. \n", "EnumerateDevices",
                    static_cast<int>(i));
@@ -282,8 +287,8 @@ Vyrix_ReturnStatus CUsbPort::EnumerateDevices(unsigned int numDevicesToEnumerate
 
 int CUsbPort::GetSerialNumberString(libusb_device_handle* dev, unsigned char index, char* c_buff, int /*length*/) {
     unsigned char buf[KT_USB_STRING_SIZE] = {0};
-    int got = libusb_control_transfer(dev, kGetDescriptorType, LIBUSB_REQUEST_GET_DESCRIPTOR, kStringDescriptor, 0,
-                                      buf, sizeof buf, KT_USB_CONTROL_TIMEOUT_MS);
+    int got = libusb_control_transfer(dev, kGetDescriptorType, LIBUSB_REQUEST_GET_DESCRIPTOR, kStringDescriptor, 0, buf,
+                                      sizeof buf, KT_USB_CONTROL_TIMEOUT_MS);
     if (got < 0) {
         printf("<ERROR> %s:Couldn't get serial string\n", "GetSerialNumberString");
         return -1;

@@ -1,0 +1,91 @@
+// Helpers shared by the test programs: files, the log, descriptors, threads,
+// CPU time, and a simulator on a pseudo-terminal.
+#ifndef VYRIX_TEST_SUPPORT_H
+#define VYRIX_TEST_SUPPORT_H
+
+#include <dirent.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "LLC_LogFile.h"
+#include "Vyrix_LLC_Api_Ex.h"
+
+namespace vt {
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+inline bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+inline std::string FdPath(int fd) {
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char target[512] = {0};
+    ssize_t n = readlink(link, target, sizeof target - 1);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
+// The file the current log writes to ("" when there is no log).
+inline std::string LogPath() {
+    if (g_pLogFile == nullptr || g_pLogFile->Stream() == nullptr) return "";
+    fflush(g_pLogFile->Stream());
+    return FdPath(fileno(g_pLogFile->Stream()));
+}
+
+inline int CountEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (readdir(d) != nullptr) ++n;
+        closedir(d);
+    }
+    return n - 2;
+}
+inline int OpenFds() { return CountEntries("/proc/self/fd") - 1; }  // less opendir's own
+inline int Threads() { return CountEntries("/proc/self/task"); }
+
+inline double CpuSeconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// Polls a condition for up to `limit` (for states with no event to wait
+// on, such as a detached thread's exit).
+inline bool Eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
+    auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+class Stopwatch {
+public:
+    Stopwatch() : start_(std::chrono::steady_clock::now()) {}
+    long Ms() const {
+        return static_cast<long>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_).count());
+    }
+
+private:
+    std::chrono::steady_clock::time_point start_;
+};
+
+}  // namespace vt
+
+#endif

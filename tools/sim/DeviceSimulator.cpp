@@ -1,0 +1,241 @@
+#include "DeviceSimulator.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/eventfd.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+
+namespace vyrix::sim {
+
+namespace {
+constexpr size_t kReadChunk = 4096;
+constexpr uint8_t kBroadcast = 63;
+
+void SetNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+void Trace(const char* what, const std::vector<uint8_t>& bytes) {
+    std::fprintf(stderr, "[vyrix-sim] %s", what);
+    for (uint8_t b : bytes) std::fprintf(stderr, " %02X", b);
+    std::fprintf(stderr, "\n");
+}
+}  // namespace
+
+std::unique_ptr<DeviceSimulator> DeviceSimulator::OverPty() {
+    int master = -1, slave = -1;
+    char name[256] = {0};
+    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    fcntl(slave, F_SETFD, FD_CLOEXEC);
+    // Raw from the start, so nothing is echoed before the host sets the
+    // line up; the simulator keeps the slave open so the master never sees
+    // a hang-up between host connections.
+    termios tio{};
+    tcgetattr(slave, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(slave, TCSANOW, &tio);
+    return std::unique_ptr<DeviceSimulator>(new DeviceSimulator(master, slave, name));
+}
+
+DeviceSimulator::DeviceSimulator(int fd) : DeviceSimulator(fd, -1, "") {}
+
+DeviceSimulator::DeviceSimulator(int fd, int slaveFd, std::string path)
+    : fd_(fd), slaveFd_(slaveFd), wakeFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), slavePath_(std::move(path)) {
+    SetNonBlocking(fd_);
+    responder_ = [this](const HostPacket& p) { return ModelReply(model_, p); };
+    thread_ = std::thread([this] { Run(); });
+}
+
+DeviceSimulator::~DeviceSimulator() {
+    stop_ = true;
+    Wake();
+    thread_.join();
+    CloseLine();
+    close(wakeFd_);
+}
+
+void DeviceSimulator::Wake() {
+    uint64_t one = 1;
+    if (write(wakeFd_, &one, sizeof one) < 0) {
+        // The counter is already non-zero: the thread wakes anyway.
+    }
+}
+
+void DeviceSimulator::SetResponder(Responder responder) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    responder_ = std::move(responder);
+}
+
+void DeviceSimulator::SetFaults(const Faults& faults) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    faults_ = faults;
+}
+
+std::vector<HostPacket> DeviceSimulator::Received() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return packets_;
+}
+
+size_t DeviceSimulator::ReceivedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return packets_.size();
+}
+
+bool DeviceSimulator::WaitForPackets(size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return received_.wait_for(lock, timeout, [&] { return packets_.size() >= n; });
+}
+
+size_t DeviceSimulator::BadPackets() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return parser_.BadPackets();
+}
+
+void DeviceSimulator::Run() {
+    Serving();
+    std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+    received_.notify_all();
+}
+
+void DeviceSimulator::Serving() {
+    std::vector<uint8_t> buffer(kReadChunk);
+    while (!stop_ && !hungUp_) {
+        struct pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR) return;
+        if (hangUpRequested_) {
+            CloseLine();
+            return;
+        }
+        if (stop_) return;
+        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        ssize_t n = read(fd_, buffer.data(), buffer.size());
+        if (n <= 0) {
+            if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+            // The host side went away (a socket peer closed): stop serving.
+            return;
+        }
+        std::vector<HostPacket> packets;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            parser_.Feed(buffer.data(), static_cast<size_t>(n), packets);
+        }
+        for (const HostPacket& packet : packets) Serve(packet);
+    }
+}
+
+std::optional<Reply> DeviceSimulator::ModelReply(DeviceModel& model, const HostPacket& packet) {
+    if (packet.payload.size() < 3) return std::nullopt;
+    const uint8_t sequence = packet.payload[2] & 0x3F;
+    Answer answer = model.Handle(packet.payload);
+    Reply reply;
+    reply.source = packet.destination;
+    reply.payload =
+        ReplyPayload(answer.errorReply ? kErrorReplyType : kReplyType, sequence, answer.status, answer.values);
+    return reply;
+}
+
+void DeviceSimulator::Serve(const HostPacket& packet) {
+    if (trace_) Trace("host ->", packet.raw);
+    Responder responder;
+    Faults faults;
+    int number;
+    bool resend = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        packets_.push_back(packet);
+        received_.notify_all();
+        number = ++commands_;
+        responder = responder_;
+        faults = faults_;
+        if (faults_.resendRequests > 0) {
+            --faults_.resendRequests;
+            resend = true;
+        }
+    }
+    if (faults.silent || (faults.silentEvery > 0 && number % faults.silentEvery == 0)) return;
+    std::optional<Reply> reply;
+    if (resend ||
+        (faults.resendEvery > 0 && number % faults.resendEvery == 0 && packet.raw != std::vector<uint8_t>{})) {
+        reply = Reply{kBroadcast, packet.destination, 1, {kMarker, kMarker, 0}};
+    } else {
+        reply = responder(packet);
+        if (reply && faults.errorEvery > 0 && number % faults.errorEvery == 0 && reply->payload.size() > 2)
+            reply->payload[2] = static_cast<uint8_t>((kErrorReplyType << 6) | (reply->payload[2] & 0x3F));
+    }
+    if (reply) {
+        std::vector<uint8_t> bytes = faults.garbage;
+        std::vector<uint8_t> packetBytes =
+            EncodeDevicePacket(reply->destination, reply->source, reply->protocol, reply->payload);
+        bytes.insert(bytes.end(), packetBytes.begin(), packetBytes.end());
+        if (trace_) Trace("device <-", bytes);
+        WriteReply(bytes, faults.splitBytes, faults.splitPauseMs);
+    }
+    if (faults.hangUpAfter > 0 && number >= faults.hangUpAfter) HangUp();
+}
+
+void DeviceSimulator::WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs) {
+    if (splitBytes == 0) {
+        WriteAll(bytes.data(), bytes.size());
+        return;
+    }
+    for (size_t at = 0; at < bytes.size(); at += splitBytes) {
+        if (at > 0 && pauseMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+        WriteAll(bytes.data() + at, std::min(splitBytes, bytes.size() - at));
+    }
+}
+
+void DeviceSimulator::WriteAll(const uint8_t* data, size_t size) {
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    size_t done = 0;
+    while (done < size && !hungUp_) {
+        ssize_t n = write(fd_, data + done, size - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            struct pollfd pfd = {fd_, POLLOUT, 0};
+            poll(&pfd, 1, 100);
+        } else {
+            return;
+        }
+    }
+}
+
+void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) { SendPacket(Reply{2, 0, 0, payload}); }
+
+void DeviceSimulator::SendPacket(const Reply& reply) {
+    std::vector<uint8_t> bytes = EncodeDevicePacket(reply.destination, reply.source, reply.protocol, reply.payload);
+    if (trace_) Trace("device <-", bytes);
+    WriteAll(bytes.data(), bytes.size());
+}
+
+void DeviceSimulator::SendRaw(const std::vector<uint8_t>& bytes) { WriteAll(bytes.data(), bytes.size()); }
+
+void DeviceSimulator::CloseLine() {
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    if (hungUp_.exchange(true)) return;
+    close(fd_);
+    if (slaveFd_ >= 0) close(slaveFd_);
+}
+
+void DeviceSimulator::HangUp() {
+    // The descriptor is closed by the thread that polls it (or once that
+    // thread has stopped), never under its feet.
+    if (std::this_thread::get_id() == thread_.get_id()) {
+        CloseLine();
+        return;
+    }
+    hangUpRequested_ = true;
+    Wake();
+    std::unique_lock<std::mutex> lock(mutex_);
+    received_.wait(lock, [&] { return hungUp_.load() || !running_; });
+    lock.unlock();
+    CloseLine();
+}
+
+}  // namespace vyrix::sim

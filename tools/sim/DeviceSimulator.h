@@ -1,0 +1,119 @@
+// Plays the device on the far side of a byte stream: a pseudo-terminal
+// master by default, or any stream descriptor (a socket for the Bluetooth
+// test double).  It parses what the host sends, records every packet, and
+// answers through a responder (by default the DeviceModel), with faults on
+// request: error replies, resend requests, silence, garbage before a reply,
+// replies split over several writes, unprompted messages, hang-up.
+#ifndef VYRIX_SIM_DEVICESIMULATOR_H
+#define VYRIX_SIM_DEVICESIMULATOR_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DeviceCodec.h"
+#include "DeviceModel.h"
+
+namespace vyrix::sim {
+
+// What the device sends back for one host packet.
+struct Reply {
+    uint8_t destination = 2;  // 63 asks the host to resend its last packet
+    uint8_t source = 0;
+    uint8_t protocol = 1;
+    std::vector<uint8_t> payload;
+};
+
+using Responder = std::function<std::optional<Reply>(const HostPacket&)>;
+
+struct Faults {
+    int errorEvery = 0;            // every N-th command gets an error reply
+    int silentEvery = 0;           // every N-th command gets no answer
+    int resendEvery = 0;           // every N-th command is answered with a resend request first
+    int resendRequests = 0;        // the next N answers are resend requests
+    bool silent = false;           // answer nothing at all
+    std::vector<uint8_t> garbage;  // bytes written before every reply
+    size_t splitBytes = 0;         // write replies in pieces of this size...
+    int splitPauseMs = 0;          // ...with this pause between them
+    int hangUpAfter = 0;           // close the line after N commands
+};
+
+class DeviceSimulator {
+public:
+    // A new pseudo-terminal; the host opens SlavePath().
+    static std::unique_ptr<DeviceSimulator> OverPty();
+    // Serves an already connected stream descriptor (taken over).
+    explicit DeviceSimulator(int fd);
+    ~DeviceSimulator();
+    DeviceSimulator(const DeviceSimulator&) = delete;
+    DeviceSimulator& operator=(const DeviceSimulator&) = delete;
+
+    const std::string& SlavePath() const { return slavePath_; }
+    DeviceModel& Model() { return model_; }
+
+    void SetResponder(Responder responder);
+    void SetFaults(const Faults& faults);
+    // Log what is received, readably, to stderr.
+    void SetTrace(bool on) { trace_ = on; }
+
+    // Every packet received so far, in order.
+    std::vector<HostPacket> Received() const;
+    size_t ReceivedCount() const;
+    // Waits until at least n packets have arrived.
+    bool WaitForPackets(size_t n, std::chrono::milliseconds timeout) const;
+    size_t BadPackets() const;
+
+    // A message of the device's own accord (connectionless).
+    void SendUnsolicited(const std::vector<uint8_t>& payload);
+    void SendPacket(const Reply& reply);
+    void SendRaw(const std::vector<uint8_t>& bytes);
+    // Closes the line, as an unplugged device.
+    void HangUp();
+    bool HungUp() const { return hungUp_; }
+
+    // The model's answer to a command packet, as a reply payload.
+    static std::optional<Reply> ModelReply(DeviceModel& model, const HostPacket& packet);
+
+private:
+    DeviceSimulator(int fd, int slaveFd, std::string path);
+    void Run();
+    void Serving();
+    void Wake();
+    void CloseLine();
+    void Serve(const HostPacket& packet);
+    void WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs);
+    void WriteAll(const uint8_t* data, size_t size);
+
+    int fd_;
+    int slaveFd_;
+    int wakeFd_;
+    std::string slavePath_;
+    DeviceModel model_;
+    HostPacketParser parser_;
+
+    mutable std::mutex mutex_;  // guards the fields below
+    mutable std::condition_variable received_;
+    std::vector<HostPacket> packets_;
+    Responder responder_;
+    Faults faults_;
+    int commands_ = 0;
+
+    std::mutex writeMutex_;
+    std::atomic<bool> trace_{false};
+    std::atomic<bool> hungUp_{false};
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> hangUpRequested_{false};
+    bool running_ = true;  // guarded by mutex_
+    std::thread thread_;
+};
+
+}  // namespace vyrix::sim
+
+#endif
