@@ -32,9 +32,9 @@ private:
     void RemoveLockFile(const char* function);
 
     int m_gRFCommSock;
-    BOOL m_bDeviceDetected;
+    [[maybe_unused]] BOOL m_bDeviceDetected;  // declared; detection is the connect itself
     const char* m_uniqueID;
-    const char* m_passKey;
+    [[maybe_unused]] const char* m_passKey;  // the pass key is checked, not stored
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
 };
 

@@ -41,10 +41,11 @@ private:
 
     char m_portName[100];
     int m_nPortHandle;
-    int m_dwBaud;
-    char m_cParity;
-    int m_nByteSize;
-    float m_fStop;
+    // Declared line settings: the settings go straight into m_newTio.
+    [[maybe_unused]] int m_dwBaud;
+    [[maybe_unused]] char m_cParity;
+    [[maybe_unused]] int m_nByteSize;
+    [[maybe_unused]] float m_fStop;
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
     termios m_oldTio;
     termios m_newTio;

@@ -42,6 +42,8 @@ public:
     Vyrix_ReturnStatus FindChecksum(BYTE* inBuf, DWORD inBufLen, BYTE* checksum);
 
     KtParseStateE State() const { return m_ParseState; }
+    // Bytes of the last chunk that the last ParsePacket call looked at.
+    DWORD ConsumedBytes() const { return m_BufIdx; }
 
 private:
     enum class HeaderByte { kAccepted, kComplete, kRejected };
