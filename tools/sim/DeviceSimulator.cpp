@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -158,10 +159,11 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
             resend = true;
         }
     }
-    if (faults.silent || (faults.silentEvery > 0 && number % faults.silentEvery == 0)) return;
+    const bool quiet = faults.silent || (faults.silentEvery > 0 && number % faults.silentEvery == 0);
     std::optional<Reply> reply;
-    if (resend ||
-        (faults.resendEvery > 0 && number % faults.resendEvery == 0 && packet.raw != std::vector<uint8_t>{})) {
+    if (quiet) {
+        // no answer at all
+    } else if (resend || (faults.resendEvery > 0 && number % faults.resendEvery == 0)) {
         reply = Reply{kBroadcast, packet.destination, 1, {kMarker, kMarker, 0}};
     } else {
         reply = responder(packet);
@@ -212,6 +214,12 @@ void DeviceSimulator::SendPacket(const Reply& reply) {
     std::vector<uint8_t> bytes = EncodeDevicePacket(reply.destination, reply.source, reply.protocol, reply.payload);
     if (trace_) Trace("device <-", bytes);
     WriteAll(bytes.data(), bytes.size());
+}
+
+size_t DeviceSimulator::PendingToHost() const {
+    int pending = 0;
+    if (slaveFd_ < 0 || hungUp_ || ioctl(slaveFd_, FIONREAD, &pending) != 0) return 0;
+    return static_cast<size_t>(pending);
 }
 
 void DeviceSimulator::SendRaw(const std::vector<uint8_t>& bytes) { WriteAll(bytes.data(), bytes.size()); }

@@ -74,6 +74,8 @@ public:
     void SendUnsolicited(const std::vector<uint8_t>& payload);
     void SendPacket(const Reply& reply);
     void SendRaw(const std::vector<uint8_t>& bytes);
+    // Bytes written to the host that it has not read yet (pseudo-terminal).
+    size_t PendingToHost() const;
     // Closes the line, as an unplugged device.
     void HangUp();
     bool HungUp() const { return hungUp_; }
