@@ -1,0 +1,190 @@
+// The command transport: parameter encoding, sequence numbers, reply
+// validation, acknowledgements and the flush of stale replies.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "ApiLink.h"
+#include "LLC_CommHandler.h"
+#include "LLC_SyncObject.h"
+
+extern CCommHandler* g_pSerialCommHandler;
+
+namespace {
+
+using vt::Answering;
+using vt::ApiLink;
+using vt::Bytes;
+
+Vyrix_DataS Param(Vyrix_DataTypeE type, uint32_t bits) {
+    Vyrix_DataS d{};
+    d.type = type;
+    d.value.u32 = bits;
+    return d;
+}
+
+bool LibraryLockIsFree() {
+    auto* lock = static_cast<CSyncObject*>(g_pSyncObj);
+    if (pthread_mutex_trylock(lock->NativeHandle()) != 0) return false;
+    pthread_mutex_unlock(lock->NativeHandle());
+    return true;
+}
+
+class Transport : public ApiLink {};
+
+TEST_F(Transport, CommandWithoutParametersIsFourBytes) {
+    ASSERT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
+    EXPECT_EQ(Command(0), (Bytes{0x2A, 0x2A, 0x01, 0x21}));
+    EXPECT_EQ(sim->Received()[0].destination, 0);
+    EXPECT_EQ(sim->Received()[0].protocol, 1);
+}
+
+TEST_F(Transport, EveryTagEncodesLeastSignificantByteFirst) {
+    Vyrix_DataBufferS buffer{};
+    uint8_t bytes[3] = {0xB1, 0xB2, 0xB3};
+    buffer.pData = bytes;
+    buffer.length = 3;
+    float one = 1.0f;
+    uint32_t oneBits;
+    memcpy(&oneBits, &one, 4);
+    Vyrix_DataS withBuffer{};
+    withBuffer.type = eDATA_BUFFER;
+    withBuffer.value.pBuffer = &buffer;
+    Vyrix_DataS params[] = {Param(eDATA_UINT8, 50),
+                            Param(eDATA_UINT32, 1),
+                            Param(eDATA_INT8, 0xFF),
+                            Param(eDATA_INT16, 0xFFFE),
+                            Param(eDATA_UINT16, 0x1234),
+                            Param(eDATA_INT32, 0xFFFFFFFD),
+                            Param(eDATA_FLOAT, oneBits),
+                            Param(static_cast<Vyrix_DataTypeE>(0), 0xAA),
+                            Param(static_cast<Vyrix_DataTypeE>(9), 0xBB),
+                            withBuffer};
+    ASSERT_EQ(AlcSendCommandParams(0x21, params, 10, eAP_DEVICE), 0u);
+    EXPECT_EQ(Command(0), (Bytes{0x2A, 0x2A, 0x01, 0x21, 0x32, 0x01, 0x00, 0x00, 0x00, 0xFF, 0xFE, 0xFF, 0x34,
+                                 0x12, 0xFD, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x80, 0x3F, 0xB1, 0xB2, 0xB3}));
+    EXPECT_EQ(sim->Received()[0].destination, 3);
+}
+
+TEST_F(Transport, SequenceNumbersRunOneToSixtyThreeAndReopenStartsAtOne) {
+    g_pLibCtx->sequenceNumber = 61;
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
+    EXPECT_EQ(Command(0)[2], 62);
+    EXPECT_EQ(Command(1)[2], 63);
+    EXPECT_EQ(Command(2)[2], 1);
+    ASSERT_EQ(Vyrix_CloseLibrary(library), 0u);
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &connection, vt::UartRecord(path.c_str())), 0u);
+    ASSERT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
+    EXPECT_EQ(Command(3)[2], 1);
+}
+
+TEST_F(Transport, ErrorReplyIsReportedWithItsReplyHandedBack) {
+    sim->SetResponder(Answering({7, 8}, 0, 2));
+    unsigned char* reply = nullptr;
+    unsigned short length = 0;
+    EXPECT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0x17000000u);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(length, 9);
+    EXPECT_EQ(reply[7], 7);
+    EXPECT_EQ(reply[2] >> 6, 2);
+    delete[] reply;
+}
+
+TEST_F(Transport, ReplyMarkersAndTypes) {
+    unsigned char* reply = nullptr;
+    unsigned short length = 0;
+    sim->SetResponder(Answering({5}, 0, 1, {0x09, 0x09}));
+    EXPECT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0u);
+    EXPECT_EQ(length, 8);
+    delete[] reply;
+    sim->SetResponder(Answering({5}, 0, 1, {0x2A, 0x09}));
+    EXPECT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0x01000000u);
+    delete[] reply;
+    for (uint8_t type : {0, 3}) {
+        sim->SetResponder(Answering({5}, 0, type));
+        EXPECT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0x01000000u) << int(type);
+        delete[] reply;
+    }
+}
+
+TEST_F(Transport, WrongSequenceNumberFailsAndLeavesTheLockFree) {
+    sim->SetResponder([](const vyrix::sim::HostPacket& p) -> std::optional<vyrix::sim::Reply> {
+        return vt::ReplyTo(static_cast<uint8_t>((p.payload[2] - 1) & 0x3F));
+    });
+    EXPECT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0x01000000u);
+    EXPECT_TRUE(LibraryLockIsFree());
+}
+
+TEST_F(Transport, HostDestinationIsRefusedWithoutSending) {
+    EXPECT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eHOST_DEVICE), 0x05000000u);
+    EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);  // no number was used up
+    ASSERT_EQ(AlcSendCommandParams(0x1F, nullptr, 0, eEP_DEVICE), 0u);
+    EXPECT_EQ(Command(0)[3], 0x1F);  // the first thing the device saw
+}
+
+TEST_F(Transport, AcknowledgementDoesNotLookAtTheStatusWord) {
+    sim->SetResponder(Answering({}, 0x0A000042u));
+    EXPECT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
+}
+
+TEST_F(Transport, StaleRepliesAreFlushedBeforeACommand) {
+    // An exchange started through the link layer and never finished leaves
+    // its reply in the queue; the next command must not take it.
+    Bytes raw = {0x2A, 0x2A, 0x3F, 0x01};
+    KtXlnkMsgS msg{2, 0, 0, 1, 4, raw.data()};
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
+    ASSERT_TRUE(vt::Eventually([] { return g_pSerialCommHandler->QueuedRecords(eCONNECTION_ORIENTED) == 1; }));
+    unsigned char* reply = nullptr;
+    unsigned short length = 0;
+    sim->SetResponder(Answering({0x77}));
+    ASSERT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0u);
+    EXPECT_EQ(reply[2] & 0x3F, 1);
+    delete[] reply;
+}
+
+TEST_F(Transport, FailuresOfTheLinkAreReturnedUnchanged) {
+    ASSERT_EQ(Vyrix_CloseConnection(connection), 0u);
+    unsigned char* reply = reinterpret_cast<unsigned char*>(0x1);
+    unsigned short length = 9;
+    EXPECT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0x16000000u);
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(length, 0);
+    Vyrix_DataBufferS huge{nullptr, 4092};
+    Vyrix_DataS param{};
+    param.type = eDATA_BUFFER;
+    param.value.pBuffer = &huge;
+    EXPECT_EQ(AlcSendCommandParams(0x21, &param, 1, eEP_DEVICE), 0x1A000000u);
+}
+
+TEST(CommandHelpers, ValidateReplyAndCopyMemory) {
+    void* library = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    g_pLibCtx->sequenceNumber = 9;
+    Bytes payload = {0x2A, 0x2A, 0x49};
+    KtXlnkMsgS msg{0, 2, 0, 1, 3, payload.data()};
+    EXPECT_EQ(ValidateReply(msg), 0u);
+    msg.deviceID = 3;
+    EXPECT_EQ(ValidateReply(msg), 0u);
+    msg.deviceID = 0;
+    EXPECT_EQ(ValidateReply(msg), 0x01000000u);
+    msg.deviceID = 2;
+    msg.priority = 1;
+    EXPECT_EQ(ValidateReply(msg), 0x01000000u);
+    msg.priority = 0;
+    payload[2] = 0x88;  // error reply: no sequence test
+    EXPECT_EQ(ValidateReply(msg), 0x17000000u);
+    payload[2] = 0x00;
+    msg.protocolID = 0;  // connectionless: the markers are enough
+    EXPECT_EQ(ValidateReply(msg), 0u);
+    uint8_t src[4] = {1, 2, 3, 4}, dst[4] = {9, 9, 9, 9};
+    CopyMemory(dst, src, 0);
+    CopyMemory(dst, src, -3);
+    EXPECT_EQ(dst[0], 9);
+    CopyMemory(dst, src, 3);
+    EXPECT_EQ(Bytes(dst, dst + 4), (Bytes{1, 2, 3, 9}));
+    Vyrix_CloseLibrary(library);
+}
+
+}  // namespace
