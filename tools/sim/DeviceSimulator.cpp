@@ -176,7 +176,10 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
             EncodeDevicePacket(reply->destination, reply->source, reply->protocol, reply->payload);
         bytes.insert(bytes.end(), packetBytes.begin(), packetBytes.end());
         if (trace_) Trace("device <-", bytes);
+        KeepApartFromLastUnsolicited();
         WriteReply(bytes, faults.splitBytes, faults.splitPauseMs);
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        lastReply_ = std::chrono::steady_clock::now();
     }
     if (faults.hangUpAfter > 0 && number >= faults.hangUpAfter) HangUp();
 }
@@ -194,6 +197,10 @@ void DeviceSimulator::WriteReply(const std::vector<uint8_t>& bytes, size_t split
 
 void DeviceSimulator::WriteAll(const uint8_t* data, size_t size) {
     std::lock_guard<std::mutex> lock(writeMutex_);
+    WriteLocked(data, size);
+}
+
+void DeviceSimulator::WriteLocked(const uint8_t* data, size_t size) {
     size_t done = 0;
     while (done < size && !hungUp_) {
         ssize_t n = write(fd_, data + done, size - done);
@@ -208,7 +215,26 @@ void DeviceSimulator::WriteAll(const uint8_t* data, size_t size) {
     }
 }
 
-void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) { SendPacket(Reply{2, 0, 0, payload}); }
+void DeviceSimulator::KeepApartFromLastUnsolicited() {
+    std::chrono::steady_clock::time_point until;
+    {
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        until = lastUnsolicited_ + kUnsolicitedGap;
+    }
+    std::this_thread::sleep_until(until);
+}
+
+void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) {
+    // The host's receive loop takes one packet per read: a message of our
+    // own keeps a gap to the packets around it, so that neither hides in
+    // the same read as a reply.
+    std::vector<uint8_t> bytes = EncodeDevicePacket(2, 0, 0, payload);
+    std::lock_guard<std::mutex> lock(writeMutex_);
+    std::this_thread::sleep_until(lastReply_ + kUnsolicitedGap);
+    if (trace_) Trace("device <- (unprompted)", bytes);
+    WriteLocked(bytes.data(), bytes.size());
+    lastUnsolicited_ = std::chrono::steady_clock::now();
+}
 
 void DeviceSimulator::SendPacket(const Reply& reply) {
     std::vector<uint8_t> bytes = EncodeDevicePacket(reply.destination, reply.source, reply.protocol, reply.payload);

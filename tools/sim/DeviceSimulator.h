@@ -92,6 +92,10 @@ private:
     void Serve(const HostPacket& packet);
     void WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs);
     void WriteAll(const uint8_t* data, size_t size);
+    void WriteLocked(const uint8_t* data, size_t size);
+    void KeepApartFromLastUnsolicited();
+
+    static constexpr std::chrono::milliseconds kUnsolicitedGap{20};
 
     int fd_;
     int slaveFd_;
@@ -107,7 +111,9 @@ private:
     Faults faults_;
     int commands_ = 0;
 
-    std::mutex writeMutex_;
+    std::mutex writeMutex_;  // one writer at a time; guards the two times below
+    std::chrono::steady_clock::time_point lastReply_{};
+    std::chrono::steady_clock::time_point lastUnsolicited_{};
     std::atomic<bool> trace_{false};
     std::atomic<bool> hungUp_{false};
     std::atomic<bool> stop_{false};

@@ -1,0 +1,16 @@
+// Readable names of result words for the tools.
+#ifndef VYRIX_TOOLS_RESULTNAMES_H
+#define VYRIX_TOOLS_RESULTNAMES_H
+
+#include <cstdint>
+#include <string>
+
+namespace vyrix::tools {
+
+// "eVYRIX_INVALID_ARGUMENT" for a library code, "device status 0x0A00BEEF"
+// for a word the device reported.
+std::string ResultName(uint32_t result);
+
+}  // namespace vyrix::tools
+
+#endif

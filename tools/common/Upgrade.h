@@ -1,0 +1,38 @@
+// A firmware image sent chunk by chunk, with a progress bar.
+#ifndef VYRIX_TOOLS_UPGRADE_H
+#define VYRIX_TOOLS_UPGRADE_H
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "Vyrix_Api.h"
+
+namespace vyrix::tools {
+
+constexpr uint32_t kChunkBytes = 4000;
+
+// Sends the image in 4000-byte chunks: chunk number, bytes used in the chunk
+// and the image size go with each.  Calls progress(done, total) after each
+// chunk; stops at the first failure.
+Vyrix_ReturnStatus SendFirmware(void* handle, const std::vector<uint8_t>& image,
+                                const std::function<void(size_t, size_t)>& progress);
+
+// Draws "[#####     ]  50%  20000/40000 B  12.3 kB/s" on one line of stderr.
+class ProgressBar {
+public:
+    ProgressBar();
+    void Update(size_t done, size_t total);
+    void Finish();
+    double BytesPerSecond() const { return rate_; }
+
+private:
+    double start_;
+    double rate_ = 0;
+};
+
+uint32_t Crc32(const std::vector<uint8_t>& data);
+
+}  // namespace vyrix::tools
+
+#endif
