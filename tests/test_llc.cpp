@@ -8,7 +8,12 @@
 #include "LLC_CommHandler.h"
 #include "SimLink.h"
 
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+
 extern CCommHandler* g_pSerialCommHandler;
+extern CCommHandler* g_pBTHCommHandler;
 
 namespace {
 
@@ -385,6 +390,23 @@ TEST(LlcWithoutPort, EverythingSaysNotConnected) {
     EXPECT_EQ(KtOpenSerialPort(999, 57600), 0x01000000u);  // /dev/ttyS999: no such device
     EXPECT_EQ(KtOpenSerialPortByName("/dev/vyrix-none", 9600), 0x05000000u);
     EXPECT_EQ(g_pSerialCommHandler, nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// Without the test double: this machine has no Bluetooth in its kernel,
+// which is the real stack's "no adapter" case.
+TEST(LlcRealBluetooth, NoAdapterThroughTheServiceFunctions) {
+    if (hci_get_route(nullptr) >= 0) GTEST_SKIP() << "this host has a Bluetooth adapter";
+    EXPECT_EQ(KtOpenBTHSocket("00:11:22:33:44:55", "0000"), 0x19000000u);
+    EXPECT_EQ(g_pBTHCommHandler, nullptr);
+    unsigned count = 5;
+    Vyrix_BTHDiscoveryInfo found[2];
+    EXPECT_EQ(KtEnumerateBTHDevices(2, &count, found), 0x19000000u);
+    EXPECT_EQ(count, 5u);
+    EXPECT_FALSE(vt::FileExists("/tmp/vyrix_llc_bth_00:11:22:33:44:55.lock"));
 }
 
 }  // namespace

@@ -1,0 +1,322 @@
+// The Bluetooth port through the real socket calls, with the adapter and the
+// RFCOMM connection played by the fake linked into this program.
+#include <dlfcn.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+
+#include "ApiLink.h"
+#include "LLC_BTPort.h"
+#include "LLC_CommHandler.h"
+
+extern "C" {
+extern int vyrix_fake_last_inquiry_length;
+extern int vyrix_fake_last_inquiry_max;
+extern long vyrix_fake_last_inquiry_flags;
+extern int vyrix_fake_timeouts_set;
+extern int vyrix_fake_rfcomm_cloexec;
+}
+extern CCommHandler* g_pBTHCommHandler;
+extern CCommHandler* g_pSerialCommHandler;
+
+namespace {
+
+using vt::Bytes;
+constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
+const std::string kAddress = "00:11:22:33:44:55";
+
+std::string Dir() { return getenv("VYRIX_FAKE_BT_DIR"); }
+void Choose(const std::string& name, bool on) {
+    const std::string path = Dir() + "/" + name;
+    if (on)
+        std::ofstream(path).put('\n');
+    else
+        unlink(path.c_str());
+}
+std::string LockName(const std::string& address) { return "/tmp/vyrix_llc_bth_" + address + ".lock"; }
+
+// A device listening on RFCOMM channel 1 of an address; it takes one
+// connection and hands it to a simulator, or keeps it raw.
+class FakeDevice {
+public:
+    explicit FakeDevice(const std::string& address, bool simulate = true) : simulate_(simulate) {
+        path_ = Dir() + "/" + address + "_1";
+        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un un{};
+        un.sun_family = AF_UNIX;
+        snprintf(un.sun_path, sizeof un.sun_path, "%s", path_.c_str());
+        unlink(path_.c_str());
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&un), sizeof un), 0);
+        EXPECT_EQ(listen(listener_, 4), 0);
+        acceptor_ = std::thread([this] {
+            int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) return;
+            if (simulate_)
+                sim_ = std::make_unique<vyrix::sim::DeviceSimulator>(fd);
+            else
+                raw_ = fd;
+            connected_.set_value();
+        });
+    }
+    ~FakeDevice() {
+        shutdown(listener_, SHUT_RDWR);
+        close(listener_);
+        acceptor_.join();
+        sim_.reset();
+        if (raw_ >= 0) close(raw_);
+        unlink(path_.c_str());
+    }
+    bool WaitConnected() {
+        return connected_.get_future().wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    }
+    vyrix::sim::DeviceSimulator& Sim() { return *sim_; }
+    int Raw() const { return raw_; }
+
+private:
+    bool simulate_;
+    std::string path_;
+    int listener_ = -1;
+    int raw_ = -1;
+    std::unique_ptr<vyrix::sim::DeviceSimulator> sim_;
+    std::promise<void> connected_;
+    std::thread acceptor_;
+};
+
+class Bluetooth : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Choose("adapter", true);
+        LogStart();
+    }
+    void TearDown() override {
+        LogEnd();
+        for (const char* c : {"adapter", "radio-fails", "socket-fails", "inquiry-fails", "inquiry"}) Choose(c, false);
+        unlink(LockName(kAddress).c_str());
+    }
+};
+
+TEST(BluetoothFake, IsLinkedIn) {
+    EXPECT_NE(dlsym(RTLD_DEFAULT, "vyrix_fake_bluez_marker"), nullptr)
+        << "the adapter fake is not linked in: this program would test the real stack";
+}
+
+TEST_F(Bluetooth, NoAdapterMeansBluetoothDisabled) {
+    Choose("adapter", false);
+    CBTPort port;
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0000"), 0x19000000u);
+    unsigned count = 99;
+    Vyrix_BTHDiscoveryInfo found[2];
+    EXPECT_EQ(port.EnumerateDevices(2, &count, found), 0x19000000u);
+    EXPECT_EQ(count, 99u);
+    Choose("adapter", true);
+    Choose("radio-fails", true);
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0000"), 0x19000000u);
+    const std::string log = vt::ReadFile(vt::LogPath());
+    EXPECT_NE(log.find("<ERROR> OpenPort:No bluetooth Support in Host mechine\n"), std::string::npos);
+    EXPECT_NE(log.find("<INFO> EnumerateDevices:Host device doesnt have bluetooth support.\n"), std::string::npos);
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
+}
+
+TEST_F(Bluetooth, ArgumentChecks) {
+    CBTPort port;
+    EXPECT_EQ(port.OpenPort(nullptr, "0000"), 0x05000000u);
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), nullptr), 0x05000000u);
+    EXPECT_EQ(port.OpenPort(std::string(25, 'A').c_str(), ""), 0x05000000u);
+    EXPECT_FALSE(vt::FileExists(LockName(std::string(25, 'A'))));
+    FakeDevice device(kAddress, false);
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), ""), kOk);  // an empty pass key is accepted
+}
+
+TEST_F(Bluetooth, OpenTalkAndClose) {
+    FakeDevice device(kAddress, false);
+    CBTPort port;
+    vyrix_fake_timeouts_set = 0;
+    ASSERT_EQ(port.OpenPort(kAddress.c_str(), "1234"), kOk);
+    ASSERT_TRUE(device.WaitConnected());
+    EXPECT_EQ(vyrix_fake_timeouts_set, 2);  // receive and send time-outs, 2 s each
+    EXPECT_EQ(vyrix_fake_rfcomm_cloexec, 1);
+    EXPECT_TRUE(vt::FileExists(LockName(kAddress)));
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "1234"), 0x18000000u);
+
+    Bytes out = {1, 2, 3, 0xC0, 0xFF};
+    ASSERT_EQ(port.WritePort(out.data(), static_cast<unsigned short>(out.size())), kOk);
+    Bytes got(8);
+    ASSERT_EQ(read(device.Raw(), got.data(), got.size()), 5);
+    got.resize(5);
+    EXPECT_EQ(got, out);
+    ASSERT_EQ(write(device.Raw(), "\x07\x08", 2), 2);
+    Bytes in(4101);
+    int n = 0;
+    ASSERT_EQ(port.ReadPort(in.data(), &n), kOk);
+    EXPECT_EQ(n, 2);
+    EXPECT_EQ(in[1], 8);
+
+    vt::Stopwatch watch;
+    EXPECT_EQ(port.ReadPort(in.data(), &n), 0x01000000u);  // nothing for 2 s
+    EXPECT_GE(watch.Ms(), 1900);
+    EXPECT_LT(watch.Ms(), 4000);
+    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> ReadPort :  Returns 1\n.\n"), std::string::npos);
+
+    EXPECT_EQ(port.ClosePort(), kOk);
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
+    EXPECT_EQ(port.ReadPort(in.data(), &n), 0x16000000u);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(port.WritePort(out.data(), 1), 0x16000000u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Not connected\n");
+}
+
+TEST_F(Bluetooth, DeviceSwitchedOffOrNoSocket) {
+    {
+        CBTPort port;
+        EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0"), 0x01000000u);
+        EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> OpenPort LLC_BTPort Open failure -1\n"), std::string::npos);
+    }
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));  // gone with the port
+    Choose("socket-fails", true);
+    CBTPort port;
+    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0"), 0x01000000u);
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));  // removed at once
+}
+
+TEST_F(Bluetooth, LockFilesPerAddressText) {
+    FakeDevice device(kAddress, false);
+    CBTPort first;
+    ASSERT_EQ(first.OpenPort(kAddress.c_str(), "0"), kOk);
+    CBTPort second;
+    EXPECT_EQ(second.OpenPort(kAddress.c_str(), "0"), 0x16000000u);
+    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<RROR> CreateLockFile: Lockfile create failed.-1\n"),
+              std::string::npos);
+    EXPECT_TRUE(vt::FileExists(LockName(kAddress)));  // the holder keeps it
+    const std::string lower = "aa:bb:cc:dd:ee:ff", upper = "AA:BB:CC:DD:EE:FF";
+    CBTPort a, b;
+    a.OpenPort(lower.c_str(), "0");
+    b.OpenPort(upper.c_str(), "0");
+    EXPECT_STRNE(a.LockFileName(), b.LockFileName());
+}
+
+TEST_F(Bluetooth, Enumeration) {
+    std::ofstream(Dir() + "/inquiry") << "00:11:22:33:44:55 Projector One\n"
+                                      << "AA:BB:CC:DD:EE:01\n"
+                                      << "AA:BB:CC:DD:EE:02 Phone\n";
+    CBTPort port;
+    Vyrix_BTHDiscoveryInfo found[4];
+    memset(found, 0x5A, sizeof found);
+    unsigned count = 0;
+    ASSERT_EQ(port.EnumerateDevices(4, &count, found), kOk);
+    EXPECT_EQ(vyrix_fake_last_inquiry_length, 8);
+    EXPECT_EQ(vyrix_fake_last_inquiry_max, 255);
+    EXPECT_EQ(vyrix_fake_last_inquiry_flags, IREQ_CACHE_FLUSH);
+    ASSERT_EQ(count, 3u);
+    EXPECT_STREQ(found[0].uniqueID, "00:11:22:33:44:55");
+    EXPECT_STREQ(found[0].friendlyName, "Projector One");
+    EXPECT_STREQ(found[1].friendlyName, "[unknown]");
+    EXPECT_STREQ(found[2].uniqueID, "AA:BB:CC:DD:EE:02");
+    EXPECT_EQ(static_cast<unsigned char>(found[3].uniqueID[0]), 0x5A);  // not written
+
+    ASSERT_EQ(port.EnumerateDevices(1, &count, found), kOk);
+    EXPECT_EQ(count, 1u);
+    memset(found, 0x5A, sizeof found);
+    ASSERT_EQ(port.EnumerateDevices(0, &count, found), kOk);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(static_cast<unsigned char>(found[0].uniqueID[0]), 0x5A);
+    Choose("inquiry-fails", true);
+    count = 7;
+    ASSERT_EQ(port.EnumerateDevices(4, &count, found), kOk);
+    EXPECT_EQ(count, 0u);
+}
+
+// The whole stack over Bluetooth: LLC functions and API operations.
+class BluetoothLink : public Bluetooth {
+protected:
+    void SetUp() override {
+        Bluetooth::SetUp();
+        LogEnd();  // the ports start their own log
+        device = std::make_unique<FakeDevice>(kAddress);
+    }
+    void TearDown() override {
+        KtCloseBTHSocket();
+        KtCloseSerialPort();
+        device.reset();
+        Bluetooth::TearDown();
+    }
+    std::unique_ptr<FakeDevice> device;
+};
+
+TEST_F(BluetoothLink, CommandsTravelOverRfcomm) {
+    void* library = nullptr;
+    void* conn = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_BTH;
+    info.bthInfo = Vyrix_BTHInfoS{kAddress.c_str(), "0000"};
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);
+    ASSERT_TRUE(device->WaitConnected());
+    EXPECT_EQ(Vyrix_SetBrightness(conn, 42, eVYRIX_STORAGE_CURRENT), 0u);
+    uint8_t b = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(b, 42);
+    void* again = nullptr;
+    EXPECT_EQ(Vyrix_OpenConnection(library, &again, info), 0x18000000u);
+    EXPECT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0x18000000u);  // and the first still works
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    unsigned count = 0;
+    Vyrix_BTHDiscoveryInfo found[1];
+    EXPECT_EQ(KtEnumerateBTHDevices(1, &count, found), 0u);  // leaves the open port alone
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    const int threads = vt::Threads();
+    vt::Stopwatch watch;
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_LT(watch.Ms(), 3000);  // at most one read time-out
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
+    EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() < threads; }));
+}
+
+TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
+    auto serial = vyrix::sim::DeviceSimulator::OverPty();
+    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_TRUE(device->WaitConnected());
+    ASSERT_EQ(KtOpenSerialPortByName(serial->SlavePath().c_str(), 57600), 0u);
+    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
+    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_TRUE(serial->WaitForPackets(1, std::chrono::seconds(2)));
+    EXPECT_EQ(device->Sim().ReceivedCount(), 0u);
+    Bytes reply(4096);
+    KtXlnkMsgS in{};
+    in.pPayload = reply.data();
+    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);
+
+    ASSERT_EQ(KtCloseSerialPort(), 0u);
+    EXPECT_FALSE(LogExists());  // any close ends the log, Bluetooth still open
+    unlink(vt::SerialLockName(serial->SlavePath()).c_str());
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_TRUE(device->Sim().WaitForPackets(1, std::chrono::seconds(2)));
+    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);
+    EXPECT_EQ(KtCheckBthSocket(), 0u);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The fake's choices live in a short directory of this process's own,
+    // made before any thread starts (socket paths hold 108 bytes).
+    char dir[] = "/tmp/vbt.XXXXXX";
+    if (mkdtemp(dir) == nullptr) return 1;
+    setenv("VYRIX_FAKE_BT_DIR", dir, 1);
+    ::testing::InitGoogleTest(&argc, argv);
+    int result = RUN_ALL_TESTS();
+    std::string cleanup = std::string("rm -rf ") + dir;
+    if (system(cleanup.c_str()) != 0) result = result ? result : 1;
+    return result;
+}
