@@ -1,0 +1,292 @@
+// The USB port on the real libusb-1.0 against devices emulated by umockdev.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "DeviceSimulator.h"
+#include "LLC_UsbPort.h"
+#include "TestSupport.h"
+#include "Vyrix_Api.h"
+#include "usb/UsbEmulator.h"
+
+namespace {
+
+using vt::UsbDeviceSpec;
+constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
+vt::UsbEmulator* g_usb = nullptr;
+
+UsbDeviceSpec Vyrix(int address, const std::string& serial = "AB12") {
+    UsbDeviceSpec s;
+    s.vendor = VYRIX_USB_VENDOR_ID;
+    s.address = address;
+    s.serial = serial;
+    return s;
+}
+
+std::string UsbLock(int bus, int address) {
+    char name[64];
+    snprintf(name, sizeof name, "/tmp/vyrix_llc_usb_%03d_%03d.lock", bus, address);
+    return name;
+}
+
+class Usb : public ::testing::Test {
+protected:
+    void SetUp() override { LogStart(); }
+    void TearDown() override {
+        LogEnd();
+        for (int a = 1; a < 10; ++a) unlink(UsbLock(1, a).c_str());
+    }
+    std::string Log() { return vt::ReadFile(vt::LogPath()); }
+};
+
+TEST_F(Usb, EnumeratesWithSerialNumbers) {
+    g_usb->Add(Vyrix(2, "AB12"));
+    UsbDeviceSpec other = Vyrix(3, "ZZ99");
+    other.vendor = 0x1234;  // someone else's device
+    g_usb->Add(other);
+    g_usb->Add(Vyrix(4, "CD34"));
+    CUsbPort port;
+    Vyrix_EnumerateUSBInfo found[4];
+    memset(found, 0x5A, sizeof found);
+    unsigned count = 0;
+    ASSERT_EQ(port.EnumerateDevices(4, &count, found), kOk) << Log();
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(found[0].productID, 4u);
+    EXPECT_EQ(found[1].productID, 4u);
+    std::set<std::string> serials = {found[0].serialNumber, found[1].serialNumber};
+    EXPECT_EQ(serials, (std::set<std::string>{"AB12", "CD34"}));
+    EXPECT_EQ(static_cast<unsigned char>(found[2].serialNumber[0]), 0x5A);
+    EXPECT_NE(Log().find("<INFO> GetSerialNumberString:Serial Number is: AB12\n"), std::string::npos);
+
+    CUsbPort limited;
+    ASSERT_EQ(limited.EnumerateDevices(1, &count, found), kOk);
+    EXPECT_EQ(count, 1u);
+    // Listing takes no device: the first is still free to open.
+    CUsbPort opener;
+    EXPECT_EQ(opener.OpenPort(), kOk);
+}
+
+TEST_F(Usb, EnumerationEdgeCases) {
+    CUsbPort none;
+    Vyrix_EnumerateUSBInfo found[2] = {};
+    unsigned count = 7;
+    EXPECT_EQ(none.EnumerateDevices(2, &count, found), 0x16000000u);
+    EXPECT_EQ(count, 0u);
+    EXPECT_NE(Log().find("<INFO> EnumerateDevices: No Devices Found.\n"), std::string::npos);
+    UsbDeviceSpec mute = Vyrix(2);
+    mute.serialReadable = false;
+    g_usb->Add(mute);
+    testing::internal::CaptureStdout();
+    CUsbPort port;
+    ASSERT_EQ(port.EnumerateDevices(2, &count, found), kOk);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(count, 1u);
+    EXPECT_STREQ(found[0].serialNumber, "NULL");
+    EXPECT_EQ(out, "<ERROR> GetSerialNumberString:Couldn't get serial string\n");
+    CUsbPort zero;
+    EXPECT_EQ(zero.EnumerateDevices(0, &count, found), 0x16000000u);
+    EXPECT_EQ(count, 0u);
+}
+
+// The serial numbers in libusb's list order.
+std::vector<std::string> ListOrder() {
+    CUsbPort port;
+    Vyrix_EnumerateUSBInfo found[4] = {};
+    unsigned count = 0;
+    port.EnumerateDevices(4, &count, found);
+    std::vector<std::string> order;
+    for (unsigned i = 0; i < count; ++i) order.push_back(found[i].serialNumber);
+    return order;
+}
+
+TEST_F(Usb, OpenTakesTheFirstFreeMatchingDevice) {
+    g_usb->Add(Vyrix(2, "TWO"));
+    g_usb->Add(Vyrix(3, "THREE"));
+    const std::vector<std::string> order = ListOrder();
+    ASSERT_EQ(order.size(), 2u);
+    const int firstAddress = order[0] == "TWO" ? 2 : 3, secondAddress = 5 - firstAddress;
+    CUsbPort first, second, third;
+    ASSERT_EQ(first.OpenPort(), kOk) << Log();
+    EXPECT_STREQ(first.LockFileName(), UsbLock(1, firstAddress).c_str());
+    ASSERT_EQ(second.OpenPort(), kOk) << Log();  // skips the locked one
+    EXPECT_STREQ(second.LockFileName(), UsbLock(1, secondAddress).c_str());
+    EXPECT_EQ(third.OpenPort(), 0x16000000u);
+    EXPECT_EQ(first.OpenPort(), 0x18000000u);
+    EXPECT_NE(Log().find("<ERROR> CreateLockFile: Lockfile create failed.-1\n"), std::string::npos);
+    EXPECT_EQ(first.ClosePort(), kOk);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, firstAddress)));
+    EXPECT_EQ(third.OpenPort(), kOk);  // free again
+    EXPECT_STREQ(third.LockFileName(), UsbLock(1, firstAddress).c_str());
+}
+
+TEST_F(Usb, HandMadeLockFileBlocksADevice) {
+    g_usb->Add(Vyrix(2));
+    { std::ofstream(UsbLock(1, 2)) << ""; }
+    CUsbPort port;
+    EXPECT_EQ(port.OpenPort(), 0x16000000u);
+    EXPECT_TRUE(vt::FileExists(UsbLock(1, 2)));  // not ours to remove
+}
+
+TEST_F(Usb, NoDeviceOrWrongIdentity) {
+    CUsbPort empty;
+    EXPECT_EQ(empty.OpenPort(), 0x16000000u);
+    UsbDeviceSpec stranger = Vyrix(2);
+    stranger.product = 5;
+    g_usb->Add(stranger);
+    CUsbPort port;
+    EXPECT_EQ(port.OpenPort(), 0x16000000u);
+    EXPECT_NE(Log().find("<INFO> OpenPort: No Devices Found.\n"), std::string::npos);
+}
+
+TEST_F(Usb, ConfigurationWithoutInterfacesOrOutEndpoint) {
+    UsbDeviceSpec bare = Vyrix(2);
+    bare.interfaces = false;
+    g_usb->Add(bare);
+    CUsbPort port;
+    EXPECT_EQ(port.OpenPort(), 0x16000000u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
+    UsbDeviceSpec inOnly = Vyrix(3, "INONLY");
+    inOnly.outEndpoint = false;
+    g_usb->Add(Vyrix(2, "GOOD"));
+    g_usb->Add(inOnly);
+    ASSERT_EQ(ListOrder(), (std::vector<std::string>{"INONLY", "GOOD"})) << "this test needs the in-only device first";
+    CUsbPort port;
+    EXPECT_EQ(port.OpenPort(), 0x16000000u);  // the good one behind it is not tried
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+TEST_F(Usb, KernelDriverIsDetachedAndTheOutEndpointFound) {
+    UsbDeviceSpec spec = Vyrix(2);
+    spec.kernelDriver = true;
+    spec.outAddress = 0x02;
+    auto& dev = g_usb->Add(spec);
+    CUsbPort port;
+    ASSERT_EQ(port.OpenPort(), kOk) << Log();
+    EXPECT_TRUE(dev.DriverDetached());
+    EXPECT_TRUE(dev.InterfaceClaimed());
+    EXPECT_EQ(vyrix_write_ep_.load(), 0x02);
+    uint8_t byte = 7;
+    ASSERT_EQ(port.WritePort(&byte, 1), kOk);
+    EXPECT_EQ(dev.OutEndpoints(), std::vector<uint8_t>{0x02});
+    EXPECT_NE(Log().find("<INFO> OpenPort: OUT EP addr : 0x2\n"), std::string::npos);
+}
+
+TEST_F(Usb, PacketsGoOutIn64ByteTransfers) {
+    auto& dev = g_usb->Add(Vyrix(2));
+    CUsbPort port;
+    ASSERT_EQ(port.OpenPort(), kOk);
+    std::vector<uint8_t> packet(100);
+    for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<uint8_t>(i + 1);
+    ASSERT_EQ(port.WritePort(packet.data(), 100), kOk);
+    std::vector<uint8_t> exact(64, 0xAB);
+    ASSERT_EQ(port.WritePort(exact.data(), 64), kOk);
+    auto outs = dev.OutTransfers();
+    ASSERT_EQ(outs.size(), 3u);
+    EXPECT_EQ(outs[0], std::vector<uint8_t>(packet.begin(), packet.begin() + 64));
+    std::vector<uint8_t> tail(packet.begin() + 64, packet.end());
+    tail.resize(64, 0);  // 36 bytes and 28 zeros
+    EXPECT_EQ(outs[1], tail);
+    EXPECT_EQ(outs[2], exact);
+    EXPECT_EQ(port.WritePort(nullptr, 4), 0x05000000u);
+    EXPECT_EQ(port.WritePort(exact.data(), 0), 0x05000000u);
+}
+
+TEST_F(Usb, ReadsTakeAtMost64BytesAndTimeOutAfterTwoSeconds) {
+    auto& dev = g_usb->Add(Vyrix(2));
+    int stream = dev.TakeStream();
+    CUsbPort port;
+    ASSERT_EQ(port.OpenPort(), kOk);
+    std::vector<uint8_t> reply(100, 0x42);
+    ASSERT_EQ(write(stream, reply.data(), reply.size()), 100);
+    uint8_t in[4101];
+    int n = 0;
+    ASSERT_EQ(port.ReadPort(in, &n), kOk);
+    EXPECT_EQ(n, 64);
+    ASSERT_EQ(port.ReadPort(in, &n), kOk);
+    EXPECT_EQ(n, 36);
+    const double cpu = vt::CpuSeconds();
+    vt::Stopwatch watch;
+    EXPECT_EQ(port.ReadPort(in, &n), 0x03000000u);
+    EXPECT_GE(watch.Ms(), 1900);
+    EXPECT_LT(watch.Ms(), 4000);
+    EXPECT_LT(vt::CpuSeconds() - cpu, 0.2) << "waiting for the device burns CPU";
+    EXPECT_EQ(port.ReadPort(nullptr, &n), 0x05000000u);
+    CUsbPort closed;
+    EXPECT_EQ(closed.ReadPort(in, &n), 0x01000000u);
+    EXPECT_EQ(closed.WritePort(in, 1), 0x01000000u);
+    close(stream);
+}
+
+TEST_F(Usb, UnpluggedDeviceSaysNotConnectedAndClosesCleanly) {
+    auto& dev = g_usb->Add(Vyrix(2));
+    CUsbPort port;
+    ASSERT_EQ(port.OpenPort(), kOk);
+    auto reading = std::async(std::launch::async, [&] {
+        uint8_t in[4101];
+        int n = 0;
+        return port.ReadPort(in, &n);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a read is waiting when the cable goes
+    dev.Unplug();
+    EXPECT_EQ(reading.get(), 0x16000000u);
+    uint8_t byte = 1;
+    EXPECT_TRUE(vt::Eventually([&] { return port.WritePort(&byte, 1) == 0x16000000u; }));
+    EXPECT_EQ(port.ClosePort(), kOk);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+// The whole stack over USB with the device simulator behind the emulation.
+TEST_F(Usb, CommandsTravelOverUsbAndUsbGoesFirst) {
+    LogEnd();
+    auto& dev = g_usb->Add(Vyrix(2));
+    vyrix::sim::DeviceSimulator sim(dev.TakeStream());
+    auto serial = vyrix::sim::DeviceSimulator::OverPty();
+    void* library = nullptr;
+    void* usb = nullptr;
+    void* uart = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_USB;
+    info.usbInfo = Vyrix_USBInfoS{4, "AB12"};
+    ASSERT_EQ(Vyrix_OpenConnection(library, &usb, info), 0u);
+    Vyrix_ConnectionInfoS again = info;
+    again.usbInfo.pSerialNumber = "OTHER";
+    void* second = nullptr;
+    EXPECT_EQ(Vyrix_OpenConnection(library, &second, again), 0x18000000u);  // the link layer has USB open
+    Vyrix_ConnectionInfoS line{};
+    line.connectionType = eVYRIX_CONNECTION_UART;
+    line.uartInfo = Vyrix_UartInfoS{serial->SlavePath().c_str(), 57600, 0, 1};
+    ASSERT_EQ(Vyrix_OpenConnection(library, &uart, line), 0u);
+
+    EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);  // whatever handle: USB first
+    uint8_t b = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(usb, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(b, 33);
+    EXPECT_EQ(sim.ReceivedCount(), 2u);
+    EXPECT_EQ(serial->ReceivedCount(), 0u);
+
+    EXPECT_EQ(Vyrix_CloseConnection(usb), 0u);  // now the serial line carries the commands
+    EXPECT_EQ(Vyrix_GetBrightness(uart, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(b, 80);
+    EXPECT_EQ(serial->ReceivedCount(), 1u);
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vt::UsbEmulator::EnsurePreload(argc, argv);
+    vt::UsbEmulator emulator;  // before any thread starts
+    g_usb = &emulator;
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
