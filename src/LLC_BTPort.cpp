@@ -52,7 +52,7 @@ Vyrix_ReturnStatus CBTPort::CreateLockFile() {
     }
     LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", m_lockfile_str);
     int openResult = -1;
-    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult)) {
+    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult, &m_lockIdentity)) {
         LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
         m_lockfile_str[0] = '\0';  // the other holder's file is never removed
         return RC(eVYRIX_NOT_CONNECTED);
@@ -63,7 +63,8 @@ Vyrix_ReturnStatus CBTPort::CreateLockFile() {
 void CBTPort::RemoveLockFile(const char* function) {
     char name[KT_LOCK_NAME_SIZE];
     memcpy(name, m_lockfile_str, sizeof name);
-    if (!ReleaseLockFile(m_lockfile_str)) LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
+    if (!ReleaseLockFile(m_lockfile_str, m_lockIdentity))
+        LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
 Vyrix_ReturnStatus CBTPort::OpenPort(const char* uniqueID, const char* passKey) {

@@ -3,6 +3,7 @@
 #define LLC_BTPORT_H
 
 #include "LLC_Port.h"
+#include "LLC_Utility.h"
 
 class CBTPort : public CPort {
 public:
@@ -36,6 +37,7 @@ private:
     const char* m_uniqueID;
     [[maybe_unused]] const char* m_passKey;  // the pass key is checked, not stored
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
+    LockIdentity m_lockIdentity;
 };
 
 #endif  // LLC_BTPORT_H

@@ -66,7 +66,7 @@ bool CSPort::LockNameFor(const char* portName, char* out) {
 Vyrix_ReturnStatus CSPort::CreateLockFile() {
     LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", m_lockfile_str);
     int openResult = -1;
-    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult)) {
+    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult, &m_lockIdentity)) {
         LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
         // Not ours: never remove it.
         m_lockfile_str[0] = '\0';
@@ -78,7 +78,8 @@ Vyrix_ReturnStatus CSPort::CreateLockFile() {
 void CSPort::RemoveLockFile(const char* function) {
     char name[KT_LOCK_NAME_SIZE];
     memcpy(name, m_lockfile_str, sizeof name);
-    if (!ReleaseLockFile(m_lockfile_str)) LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
+    if (!ReleaseLockFile(m_lockfile_str, m_lockIdentity))
+        LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
 Vyrix_ReturnStatus CSPort::OpenPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,

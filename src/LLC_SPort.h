@@ -5,6 +5,7 @@
 #include <termios.h>
 
 #include "LLC_Port.h"
+#include "LLC_Utility.h"
 
 enum parity { parity_none = 0, parity_odd = 1, parity_even = 2 };
 
@@ -47,6 +48,7 @@ private:
     [[maybe_unused]] int m_nByteSize;
     [[maybe_unused]] float m_fStop;
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
+    LockIdentity m_lockIdentity;
     termios m_oldTio;
     termios m_newTio;
 };

@@ -9,6 +9,7 @@
 #include <atomic>
 
 #include "LLC_Port.h"
+#include "LLC_Utility.h"
 
 // The OUT endpoint WritePort uses, shared by every USB port of the process;
 // set by each OpenPort that finds one.
@@ -54,6 +55,7 @@ private:
     BYTE m_bus_num;
     BYTE m_dev_addr;
     BYTE m_lockfile_str[KT_LOCK_NAME_SIZE];
+    LockIdentity m_lockIdentity;
     bool m_claimed_interface;
 };
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <vector>
 
 #include "LLC_SPort.h"
@@ -271,6 +272,27 @@ TEST_F(Serial, DescriptorIsNotInherited) {
         }
     }
     EXPECT_TRUE(foundCloexec);
+}
+
+}  // namespace
+
+namespace {
+
+// Someone replaces the lock file while the port holds the line: closing
+// must not delete a file that is not the one the port created.
+TEST(SerialHostileTmp, ReplacedLockFileIsNotDeleted) {
+    LogStart();
+    vt::PtyPair pty;
+    CSPort port;
+    ASSERT_EQ(port.OpenPort(pty.Path().c_str(), 57600, 'n', 8, 1.0f), 0u);
+    ASSERT_EQ(unlink(pty.LockName().c_str()), 0);
+    { std::ofstream(pty.LockName()) << "someone else's\n"; }
+    EXPECT_EQ(port.ClosePort(), 0u);
+    EXPECT_EQ(vt::ReadFile(pty.LockName()), "someone else's\n");
+    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> ClosePort: Lock file " + pty.LockName() + " remove failed.\n"),
+              std::string::npos);
+    unlink(pty.LockName().c_str());
+    LogEnd();
 }
 
 }  // namespace
