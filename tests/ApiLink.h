@@ -20,6 +20,9 @@ protected:
     void SetUp() override {
         sim = vyrix::sim::DeviceSimulator::OverPty();
         path = sim->SlavePath();
+        // The terminal is new: a lock file under its name was left by a
+        // process that died (terminal numbers are reused).
+        unlink(SerialLockName(path).c_str());
         ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
         ASSERT_EQ(Vyrix_OpenConnection(library, &connection, UartRecord(path.c_str())), 0u);
     }

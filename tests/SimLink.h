@@ -25,6 +25,7 @@ class SimLink : public ::testing::Test {
 protected:
     void SetUp() override {
         sim = vyrix::sim::DeviceSimulator::OverPty();
+        unlink(SerialLockName(sim->SlavePath()).c_str());  // stale: the terminal is new
         ASSERT_EQ(KtOpenSerialPortByName(sim->SlavePath().c_str(), 57600), 0u);
     }
     void TearDown() override {

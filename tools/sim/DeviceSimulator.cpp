@@ -77,6 +77,11 @@ void DeviceSimulator::SetFaults(const Faults& faults) {
     faults_ = faults;
 }
 
+void DeviceSimulator::SetRecording(bool on) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    recording_ = on;
+}
+
 std::vector<HostPacket> DeviceSimulator::Received() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return packets_;
@@ -84,12 +89,12 @@ std::vector<HostPacket> DeviceSimulator::Received() const {
 
 size_t DeviceSimulator::ReceivedCount() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return packets_.size();
+    return receivedCount_;
 }
 
 bool DeviceSimulator::WaitForPackets(size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex_);
-    return received_.wait_for(lock, timeout, [&] { return packets_.size() >= n; });
+    return received_.wait_for(lock, timeout, [&] { return receivedCount_ >= n; });
 }
 
 size_t DeviceSimulator::BadPackets() const {
@@ -149,7 +154,8 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
     bool resend = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        packets_.push_back(packet);
+        if (recording_) packets_.push_back(packet);
+        ++receivedCount_;
         received_.notify_all();
         number = ++commands_;
         responder = responder_;
@@ -176,23 +182,27 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
             EncodeDevicePacket(reply->destination, reply->source, reply->protocol, reply->payload);
         bytes.insert(bytes.end(), packetBytes.begin(), packetBytes.end());
         if (trace_) Trace("device <-", bytes);
-        KeepApartFromLastUnsolicited();
         WriteReply(bytes, faults.splitBytes, faults.splitPauseMs);
-        std::lock_guard<std::mutex> lock(writeMutex_);
-        lastReply_ = std::chrono::steady_clock::now();
     }
     if (faults.hangUpAfter > 0 && number >= faults.hangUpAfter) HangUp();
 }
 
+// A reply is written whole (all its pieces) under the write lock, and keeps
+// a gap to the last unprompted message; unprompted messages wait while a
+// reply is due.  The host's receive loop takes one packet per read, so
+// neither may hide in the same read as the other.
 void DeviceSimulator::WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs) {
-    if (splitBytes == 0) {
-        WriteAll(bytes.data(), bytes.size());
-        return;
-    }
+    std::unique_lock<std::mutex> lock(writeMutex_);
+    replyDue_ = true;
+    writable_.wait_until(lock, lastUnsolicited_ + kUnsolicitedGap, [] { return false; });
+    if (splitBytes == 0) splitBytes = bytes.size();
     for (size_t at = 0; at < bytes.size(); at += splitBytes) {
         if (at > 0 && pauseMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
-        WriteAll(bytes.data() + at, std::min(splitBytes, bytes.size() - at));
+        WriteLocked(bytes.data() + at, std::min(splitBytes, bytes.size() - at));
     }
+    lastReply_ = std::chrono::steady_clock::now();
+    replyDue_ = false;
+    writable_.notify_all();
 }
 
 void DeviceSimulator::WriteAll(const uint8_t* data, size_t size) {
@@ -215,22 +225,18 @@ void DeviceSimulator::WriteLocked(const uint8_t* data, size_t size) {
     }
 }
 
-void DeviceSimulator::KeepApartFromLastUnsolicited() {
-    std::chrono::steady_clock::time_point until;
-    {
-        std::lock_guard<std::mutex> lock(writeMutex_);
-        until = lastUnsolicited_ + kUnsolicitedGap;
-    }
-    std::this_thread::sleep_until(until);
-}
-
 void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) {
-    // The host's receive loop takes one packet per read: a message of our
-    // own keeps a gap to the packets around it, so that neither hides in
-    // the same read as a reply.
     std::vector<uint8_t> bytes = EncodeDevicePacket(2, 0, 0, payload);
-    std::lock_guard<std::mutex> lock(writeMutex_);
-    std::this_thread::sleep_until(lastReply_ + kUnsolicitedGap);
+    std::unique_lock<std::mutex> lock(writeMutex_);
+    for (;;) {
+        const auto now = std::chrono::steady_clock::now();
+        const auto ready = std::max(lastReply_, lastUnsolicited_) + kUnsolicitedGap;
+        if (!replyDue_ && now >= ready) break;
+        if (replyDue_)
+            writable_.wait(lock);
+        else
+            writable_.wait_until(lock, ready);
+    }
     if (trace_) Trace("device <- (unprompted)", bytes);
     WriteLocked(bytes.data(), bytes.size());
     lastUnsolicited_ = std::chrono::steady_clock::now();

@@ -63,6 +63,8 @@ public:
     // Log what is received, readably, to stderr.
     void SetTrace(bool on) { trace_ = on; }
 
+    // Keep every packet received (the default), or only count them.
+    void SetRecording(bool on);
     // Every packet received so far, in order.
     std::vector<HostPacket> Received() const;
     size_t ReceivedCount() const;
@@ -93,7 +95,6 @@ private:
     void WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs);
     void WriteAll(const uint8_t* data, size_t size);
     void WriteLocked(const uint8_t* data, size_t size);
-    void KeepApartFromLastUnsolicited();
 
     static constexpr std::chrono::milliseconds kUnsolicitedGap{20};
 
@@ -107,11 +108,15 @@ private:
     mutable std::mutex mutex_;  // guards the fields below
     mutable std::condition_variable received_;
     std::vector<HostPacket> packets_;
+    size_t receivedCount_ = 0;
+    bool recording_ = true;
     Responder responder_;
     Faults faults_;
     int commands_ = 0;
 
-    std::mutex writeMutex_;  // one writer at a time; guards the two times below
+    std::mutex writeMutex_;  // one writer at a time; guards the fields below
+    std::condition_variable writable_;
+    bool replyDue_ = false;
     std::chrono::steady_clock::time_point lastReply_{};
     std::chrono::steady_clock::time_point lastUnsolicited_{};
     std::atomic<bool> trace_{false};

@@ -1,0 +1,293 @@
+// Faults, bad input and resources over the serial line: for each fault the
+// promised result, no hang past the defined time-outs, the port closes, the
+// lock file goes, no thread stays behind, and the next connection works.
+#include <dirent.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "ApiLink.h"
+#include "LLC_CommHandler.h"
+#include "Upgrade.h"
+
+extern CCommHandler* g_pSerialCommHandler;
+
+namespace {
+
+using vt::Bytes;
+using vyrix::sim::Faults;
+
+// Resident memory in KiB.
+long RssKiB() {
+    long pages = 0, resident = 0;
+    FILE* f = fopen("/proc/self/statm", "r");
+    if (f == nullptr) return -1;
+    if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
+    fclose(f);
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+class Faulty : public vt::ApiLink {
+protected:
+    void SetUp() override {
+        threadsBefore = vt::Threads();
+        ApiLink::SetUp();
+    }
+    // The aftermath every fault must leave: the connection closes, the lock
+    // file and the receive thread are gone, and a new device works.
+    void ExpectCleanRecovery() {
+        vt::Stopwatch watch;
+        EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
+        EXPECT_LT(watch.Ms(), 1500);
+        EXPECT_FALSE(vt::FileExists(vt::SerialLockName(path)));
+        EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() <= threadsBefore + 1; }));  // the simulator's own
+        auto fresh = vyrix::sim::DeviceSimulator::OverPty();
+        void* again = nullptr;
+        ASSERT_EQ(Vyrix_OpenConnection(library, &again, vt::UartRecord(fresh->SlavePath().c_str())), 0u);
+        uint8_t b = 0;
+        EXPECT_EQ(Vyrix_GetBrightness(again, &b, eVYRIX_STORAGE_CURRENT), 0u);
+        EXPECT_EQ(b, 80);
+        EXPECT_EQ(Vyrix_CloseConnection(again), 0u);
+        unlink(vt::SerialLockName(fresh->SlavePath()).c_str());
+    }
+    Vyrix_ReturnStatus RawExchange(int retryCount) {
+        Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
+        KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
+        Vyrix_ReturnStatus r = KtSendMsg(out);
+        if (r != 0) return r;
+        Bytes reply(4096);
+        KtXlnkMsgS in{};
+        in.pPayload = reply.data();
+        return KtRemoveMsg(&in, retryCount);
+    }
+    int threadsBefore = 0;
+};
+
+TEST_F(Faulty, HangUpInTheMiddleOfACommand) {
+    Faults f;
+    f.silent = true;
+    f.hangUpAfter = 1;
+    sim->SetFaults(f);
+    vt::Stopwatch watch;
+    EXPECT_EQ(RawExchange(3), 0x07000000u);  // the reply never comes: four polls
+    EXPECT_LT(watch.Ms(), 1000);
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0x01000000u);  // the line is gone
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, HangUpInTheMiddleOfAFirmwareUpgrade) {
+    Faults f;
+    f.hangUpAfter = 3;
+    sim->SetFaults(f);
+    std::vector<uint8_t> image(40000, 0x5A);
+    size_t done = 0;
+    vt::Stopwatch watch;
+    EXPECT_EQ(vyrix::tools::SendFirmware(connection, image,
+                                         [&](size_t d, size_t) {
+                                             done = d;
+                                             // the line is gone before the next chunk is written
+                                             if (d == 12000) {
+                                                 EXPECT_TRUE(vt::Eventually([&] { return sim->HungUp(); }));
+                                             }
+                                         }),
+              0x01000000u);
+    EXPECT_EQ(done, 12000u);  // three chunks acknowledged, the fourth could not be written
+    EXPECT_LT(watch.Ms(), 5000);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, HangUpInTheMiddleOfABulkTransfer) {
+    sim->SetResponder(vt::Answering({}));
+    Faults f;
+    f.hangUpAfter = 2;
+    sim->SetFaults(f);
+    Bytes data(10000, 1);
+    EXPECT_EQ(AlcSendImageCommandGeneric(0x70, data.data(), static_cast<unsigned>(data.size()), eVYRIX_RENDER_TARGET_0,
+                                         {}, {}, eAP_DEVICE, nullptr),
+              0x01000000u);
+    unsigned short type, cur, max;
+    GetIndexStatus(&type, &cur, &max);
+    EXPECT_EQ(cur, 2);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, RandomBytesAndDamagedPacketsDeliverNothing) {
+    std::mt19937 rng(11);
+    for (int round = 0; round < 50; ++round) {
+        Bytes noise(1 + rng() % 300);
+        for (auto& b : noise) b = static_cast<uint8_t>(rng() % 0xC0);  // never a start byte
+        sim->SendRaw(noise);
+        Bytes bad = vyrix::sim::EncodeDevicePacket(2, 0, round & 1, {0x2A, 0x2A, 0x41, 0, 0, 0, 0});
+        bad.back() ^= 0x5A;
+        sim->SendRaw(bad);
+    }
+    // Each damaged packet is found and dropped, also where several share a read.
+    auto damaged = [] {
+        const std::string log = vt::ReadFile(vt::LogPath());
+        size_t n = 0;
+        for (size_t at = log.find("Invalid checksum"); at != std::string::npos;
+             at = log.find("Invalid checksum", at + 1))
+            ++n;
+        return n;
+    };
+    ASSERT_TRUE(vt::Eventually([&] { return damaged() == 50; })) << damaged();
+    EXPECT_EQ(g_pSerialCommHandler->QueuedRecords(eCONNECTION_ORIENTED), 0u);
+    EXPECT_EQ(g_pSerialCommHandler->QueuedRecords(eCONNECTIONLESS), 0u);
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, ArbitraryBytesIncludingStartBytesDoNotBreakTheLink) {
+    std::mt19937 rng(12);
+    Bytes noise(20000);
+    for (auto& b : noise) b = static_cast<uint8_t>(rng());
+    sim->SendRaw(noise);
+    // A header made of noise may claim up to 4095 payload bytes: that many
+    // bytes of silence bring the parser back to seeking a start.
+    sim->SendRaw(Bytes(4102, 0));
+    ASSERT_TRUE(vt::Eventually([&] { return sim->PendingToHost() == 0; }));
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, ResendRequestsForever) {
+    Faults f;
+    f.resendEvery = 1;
+    sim->SetFaults(f);
+    Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
+    KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
+    ASSERT_EQ(KtSendMsg(out), 0u);
+    ASSERT_TRUE(vt::Eventually([] { return g_pSerialCommHandler->QueuedRecords(eCONNECTION_ORIENTED) == 1; }));
+    Bytes reply(4096);
+    KtXlnkMsgS in{};
+    in.pPayload = reply.data();
+    vt::Stopwatch watch;
+    EXPECT_EQ(KtRemoveMsg(&in, 0), 0x01000000u);  // 11 resends, then given up
+    EXPECT_LT(watch.Ms(), 15000);
+    EXPECT_EQ(sim->ReceivedCount(), 12u);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, RepliesSplitByteByByteWithPauses) {
+    Faults f;
+    f.splitBytes = 1;
+    f.splitPauseMs = 3;
+    f.garbage = {0x55, 0x00, 0x13};
+    sim->SetFaults(f);
+    Vyrix_SystemInfoS info{};
+    EXPECT_EQ(Vyrix_GetSystemInfo(connection, &info), 0u);
+    EXPECT_STREQ(info.infoText, "VYRIX-LSE-SIM-01");
+    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("Payload not completely present"), std::string::npos);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, DeviceStopsAnsweringAndComesBack) {
+    Faults quiet;
+    quiet.silent = true;
+    sim->SetFaults(quiet);
+    vt::Stopwatch watch;
+    EXPECT_EQ(RawExchange(4), 0x07000000u);
+    EXPECT_GE(watch.Ms(), 450);
+    EXPECT_LT(watch.Ms(), 1500);
+    sim->SetFaults(Faults{});
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ExpectCleanRecovery();
+}
+
+std::atomic<int> g_floodCalls{0};
+
+TEST_F(Faulty, UnpromptedMessagesFloodWhileCommandsRun) {
+    KtRegisterCallback([](void*) -> Vyrix_ReturnStatus {
+        ++g_floodCalls;
+        return eVYRIX_RETURN_SUCCESS;
+    });
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        for (uint32_t n = 0; !stop; ++n) sim->SendUnsolicited(sim->Model().Notification(7, n));
+    });
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(Vyrix_SetBrightness(connection, static_cast<uint8_t>(i * 10), eVYRIX_STORAGE_CURRENT), 0u);
+        uint8_t b = 0;
+        EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+        EXPECT_EQ(b, i * 10);
+    }
+    stop = true;
+    flood.join();
+    EXPECT_GT(g_floodCalls.load(), 10);
+    // Everything queued can be taken; nothing is left half.
+    Bytes buf(4096);
+    int taken = 0;
+    for (;;) {
+        KtXlnkMsgS msg{0, 0, 0, 0, 0, buf.data()};
+        if (KtRemoveConnectionlessMsg(&msg) != 0) break;
+        ++taken;
+    }
+    EXPECT_GT(taken, 0);
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, ThrowingCallbackDoesNotEndTheReceiveThread) {
+    KtRegisterCallback([](void*) -> Vyrix_ReturnStatus { throw std::runtime_error("application bug"); });
+    sim->SendUnsolicited({0x2A, 0x2A, 1});
+    ASSERT_TRUE(
+        vt::Eventually([&] { return vt::ReadFile(vt::LogPath()).find("Error in ALC Callback") != std::string::npos; }));
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ExpectCleanRecovery();
+}
+
+// A second process opening the same line is refused by the lock file and
+// logs to a file of its own; the first keeps working.
+TEST_F(Faulty, SecondProcessIsRefusedAndLogsApart) {
+    const std::string before = vt::ReadFile(vt::LogPath());
+    const std::string command = std::string(VYRIXCTL) + " --json --uart " + path + " status 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char buf[1024] = {0};
+    size_t n = fread(buf, 1, sizeof buf - 1, pipe);
+    const int status = pclose(pipe);
+    const std::string out(buf, n);
+    EXPECT_EQ(WEXITSTATUS(status), 1) << out;
+    EXPECT_NE(out.find("\"result\":\"eVYRIX_NOT_CONNECTED\""), std::string::npos) << out;
+    // Its entries went to a time-stamped file, not into ours.
+    EXPECT_EQ(vt::ReadFile(vt::LogPath()).find("Lockfile create failed"), std::string::npos);
+    bool found = false;
+    if (DIR* dir = opendir("/tmp")) {
+        while (dirent* e = readdir(dir)) {
+            const std::string name = e->d_name;
+            if (name.rfind("Vyrix_SDK_", 0) != 0) continue;
+            const std::string file = "/tmp/" + name;
+            if (vt::ReadFile(file).find("Lockfile create failed") != std::string::npos) found = true;
+            unlink(file.c_str());
+        }
+        closedir(dir);
+    }
+    EXPECT_TRUE(found);
+    uint8_t b;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_TRUE(vt::FileExists(vt::SerialLockName(path)));
+    ExpectCleanRecovery();
+}
+
+TEST_F(Faulty, MemoryStaysFlatOverTenThousandCommands) {
+    sim->SetRecording(false);  // the simulator would keep every packet
+    sim->SetResponder([](const vyrix::sim::HostPacket& p) -> std::optional<vyrix::sim::Reply> {
+        return vt::ReplyTo(p.payload[2] & 0x3F, {1, 2, 3, 4});
+    });
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(RawExchange(50), 0u);  // warm up
+    const long before = RssKiB();
+    for (int i = 0; i < 10000; ++i) ASSERT_EQ(RawExchange(50), 0u);
+    const long growth = RssKiB() - before;
+    RecordProperty("rss_growth_kib", static_cast<int>(growth));
+    EXPECT_LT(growth, 256) << "resident memory grew by " << growth << " KiB over 10,000 commands";
+}
+
+}  // namespace
