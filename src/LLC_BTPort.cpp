@@ -127,11 +127,12 @@ Vyrix_ReturnStatus CBTPort::ReadPort(unsigned char* inbuf, int* outLen) {
         *outLen = static_cast<int>(n);
         return RC_OK;
     }
-    bool timedOut = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    // A time-out or a signal: the receive loop simply reads again.
+    const bool transient = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
     LlcLog("<ERROR> %s :  Returns %d\n.\n", "ReadPort", 1);
     // A closed stream answers at once; waiting out the receive time-out
     // keeps the receive loop from spinning on it.
-    if (!timedOut) LLCSleep(KT_BTH_IO_TIMEOUT_S * 1000UL);
+    if (!transient) LLCSleep(KT_BTH_IO_TIMEOUT_S * 1000UL);
     return RC(eVYRIX_FAILURE);
 }
 

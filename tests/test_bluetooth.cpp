@@ -306,11 +306,62 @@ TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
     EXPECT_EQ(KtCheckBthSocket(), 0u);
 }
 
+TEST_F(BluetoothLink, DeviceClosingTheLinkMidCommandEndsNothingBadly) {
+    device.reset();
+    FakeDevice raw(kAddress, false);
+    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_TRUE(raw.WaitConnected());
+    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
+    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    shutdown(raw.Raw(), SHUT_RDWR);  // the device goes away before it answers
+    Bytes reply(4096);
+    KtXlnkMsgS in{};
+    in.pPayload = reply.data();
+    EXPECT_EQ(KtRemoveMsg(&in, 2), 0x07000000u);
+    const double cpu = vt::CpuSeconds();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(vt::CpuSeconds() - cpu, 0.1) << "the receive loop spins on the closed link";
+    EXPECT_EQ(KtSendMsg(msg), 0x01000000u);
+    vt::Stopwatch watch;
+    EXPECT_EQ(KtCloseBTHSocket(), 0u);
+    EXPECT_LT(watch.Ms(), 3000);  // at most one receive time-out
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
+}
+
+// A second process opening the same address is refused by the lock file.
+TEST_F(BluetoothLink, SecondProcessIsRefusedByTheLockFile) {
+    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_TRUE(device->WaitConnected());
+    const std::string command = "VYRIX_BT_SECOND_PROCESS=1 /proc/" + std::to_string(getpid()) +
+                                "/exe --gtest_filter=BluetoothSecondProcess.* > /dev/null 2>&1";
+    EXPECT_EQ(system(command.c_str()), 0);
+    EXPECT_TRUE(vt::FileExists(LockName(kAddress)));
+    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
+    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    Bytes reply(4096);
+    KtXlnkMsgS in{};
+    in.pPayload = reply.data();
+    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);  // the first keeps working
+}
+
+// The second process's side of the test above.
+TEST(BluetoothSecondProcess, OpeningTheSameAddress) {
+    if (getenv("VYRIX_BT_SECOND_PROCESS") == nullptr) GTEST_SKIP() << "runs as the second process only";
+    EXPECT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0x16000000u);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // The fake's choices live in a short directory of this process's own,
     // made before any thread starts (socket paths hold 108 bytes).
+    // A second process of a test shares the first one's directory.
+    if (getenv("VYRIX_BT_SECOND_PROCESS") != nullptr) {
+        ::testing::InitGoogleTest(&argc, argv);
+        return RUN_ALL_TESTS();
+    }
     char dir[] = "/tmp/vbt.XXXXXX";
     if (mkdtemp(dir) == nullptr) return 1;
     setenv("VYRIX_FAKE_BT_DIR", dir, 1);

@@ -9,10 +9,13 @@
 #include <thread>
 
 #include "DeviceSimulator.h"
+#include "LLC_CommHandler.h"
 #include "LLC_UsbPort.h"
 #include "TestSupport.h"
 #include "Vyrix_Api.h"
 #include "usb/UsbEmulator.h"
+
+extern CCommHandler* g_pUsbCommHandler;
 
 namespace {
 
@@ -278,6 +281,102 @@ TEST_F(Usb, CommandsTravelOverUsbAndUsbGoesFirst) {
     EXPECT_EQ(b, 80);
     EXPECT_EQ(serial->ReceivedCount(), 1u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+// Faults over USB: the device unplugged in the middle of a command, of a
+// resend sequence and of a firmware upgrade.
+class UsbFaults : public Usb {
+protected:
+    void SetUp() override {
+        dev = &g_usb->Add(Vyrix(2));
+        sim = std::make_unique<vyrix::sim::DeviceSimulator>(dev->TakeStream());
+    }
+    void TearDown() override {
+        KtCloseUsbPort();
+        sim.reset();
+        Usb::TearDown();
+    }
+    void ExpectClosedCleanly() {
+        EXPECT_EQ(KtCloseUsbPort(), 0u);
+        EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+        EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() <= threads; })) << vt::Threads() << " > " << threads;
+    }
+    // Opens the port, noting the threads that exist without it.
+    Vyrix_ReturnStatus Open() {
+        threads = vt::Threads();
+        return KtOpenUsbPort();
+    }
+    Vyrix_ReturnStatus Send() {
+        KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(command.size()), command.data()};
+        return KtSendMsg(msg);
+    }
+    uint64_t Queued() { return g_pUsbCommHandler->QueuedRecords(eCONNECTION_ORIENTED); }
+    int threads = 0;
+    vt::UsbEmulator::Device* dev = nullptr;
+    std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
+    std::vector<uint8_t> command = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
+};
+
+TEST_F(UsbFaults, UnpluggedInTheMiddleOfACommand) {
+    vyrix::sim::Faults quiet;
+    quiet.silent = true;
+    sim->SetFaults(quiet);
+    ASSERT_EQ(Open(), 0u);
+    ASSERT_EQ(Send(), 0u);
+    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
+    dev->Unplug();
+    std::vector<uint8_t> reply(4096);
+    KtXlnkMsgS in{};
+    in.pPayload = reply.data();
+    EXPECT_EQ(KtRemoveMsg(&in, 3), 0x07000000u);
+    EXPECT_TRUE(vt::Eventually([] { return KtCheckUsbPort() == 0x01000000u; }));  // the receive thread saw it
+    EXPECT_EQ(Send(), 0x16000000u);
+    ExpectClosedCleanly();
+}
+
+TEST_F(UsbFaults, UnpluggedInTheMiddleOfAResendSequence) {
+    vyrix::sim::Faults resend;
+    resend.resendRequests = 100;
+    sim->SetFaults(resend);
+    ASSERT_EQ(Open(), 0u);
+    ASSERT_EQ(Send(), 0u);
+    ASSERT_TRUE(vt::Eventually([&] { return Queued() == 1; }));
+    auto taking = std::async(std::launch::async, [] {
+        BYTE dev, pri, proto, buf[64];
+        WORD len;
+        return KtRemoveMessage(&dev, &pri, &proto, &len, buf, sizeof buf);
+    });
+    // The first resend is answered with another request; the cable goes
+    // while the handler waits its half second before looking.
+    ASSERT_TRUE(vt::Eventually([&] { return Queued() == 2; }));
+    dev->Unplug();
+    vt::Stopwatch watch;
+    EXPECT_EQ(taking.get(), 0x16000000u);
+    EXPECT_LT(watch.Ms(), 3000);
+    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> RetryLastMessage :Error writing data to port\n"),
+              std::string::npos);
+    ExpectClosedCleanly();
+}
+
+TEST_F(UsbFaults, UnpluggedInTheMiddleOfAFirmwareUpgrade) {
+    void* library = nullptr;
+    void* conn = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_USB;
+    info.usbInfo = Vyrix_USBInfoS{4, "AB12"};
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);
+    std::vector<uint8_t> chunk(4000, 0x77);
+    for (uint32_t i = 0; i < 3; ++i) ASSERT_EQ(Vyrix_UpgradeSoftware(conn, i, 4000, 40000, chunk.data()), 0u);
+    dev->Unplug();
+    vt::Stopwatch watch;
+    EXPECT_EQ(Vyrix_UpgradeSoftware(conn, 3, 4000, 40000, chunk.data()), 0x16000000u);
+    EXPECT_LT(watch.Ms(), 3000);
+    EXPECT_EQ(sim->Model().FirmwareState().receivedBytes, 12000u);
+    vt::Stopwatch closing;
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_LT(closing.Ms(), 3000);
     EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
 }
 
