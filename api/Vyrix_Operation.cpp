@@ -52,10 +52,8 @@ Vyrix_ReturnStatus Set(bool argumentsValid, uint8_t opcode, std::initializer_lis
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
-        Vyrix_DataS records[4];
-        int count = 0;
-        for (const Vyrix_DataS& p : params) records[count++] = p;
-        return AlcSendCommandParams(opcode, records, count, eEP_DEVICE);
+        Records records(params);
+        return AlcSendCommandParams(opcode, records.Data(), records.count, eEP_DEVICE);
     } catch (...) {
         return VYRIX_RESULT(eVYRIX_INTERNAL_ERROR);
     }

@@ -78,6 +78,16 @@ inline Value OutTruncated(int16_t* p) { return {Value::kF32Truncated16, p}; }
 // Copies the values in order, packed, from the first reply value byte.
 void StoreValues(const unsigned char* at, std::initializer_list<Value> values);
 
+// The parameters of one command (at most four) as an array.
+struct Records {
+    explicit Records(std::initializer_list<Vyrix_DataS> params) {
+        for (const Vyrix_DataS& p : params) items[count++] = p;
+    }
+    Vyrix_DataS* Data() { return count ? items : nullptr; }
+    Vyrix_DataS items[4] = {};
+    int count = 0;
+};
+
 // The Set pattern: library check, argument verdict, command acknowledged.
 Vyrix_ReturnStatus Set(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params);
 

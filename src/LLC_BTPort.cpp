@@ -142,21 +142,9 @@ Vyrix_ReturnStatus CBTPort::WritePort(unsigned char* outbuf, unsigned short Len)
         printf("Not connected\n");
         return RC(eVYRIX_NOT_CONNECTED);
     }
-    size_t done = 0;
-    while (done < Len) {
-        // MSG_NOSIGNAL: a peer that went away must not kill the application.
-        ssize_t n = send(m_gRFCommSock, outbuf + done, Len - done, MSG_NOSIGNAL);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
-            LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
-            LLCSleep(KT_WRITE_RETRY_MS);
-        } else {
-            LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
-            return RC(eVYRIX_FAILURE);
-        }
-    }
-    return RC_OK;
+    // MSG_NOSIGNAL: a peer that went away must not kill the application.
+    return WriteWithRetry(
+        outbuf, Len, [this](const unsigned char* at, size_t n) { return send(m_gRFCommSock, at, n, MSG_NOSIGNAL); });
 }
 
 Vyrix_ReturnStatus CBTPort::ClosePort() {

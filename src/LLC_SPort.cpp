@@ -207,20 +207,8 @@ Vyrix_ReturnStatus CSPort::ReadPort(unsigned char* inbuf, int* outLen) {
 Vyrix_ReturnStatus CSPort::WritePort(unsigned char* outbuf, unsigned short Len) {
     if (outbuf == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_nPortHandle < 0) return RC(eVYRIX_NOT_CONNECTED);
-    size_t done = 0;
-    while (done < Len) {
-        ssize_t n = write(m_nPortHandle, outbuf + done, Len - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
-            LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
-            LLCSleep(KT_WRITE_RETRY_MS);
-        } else {
-            LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
-            return RC(eVYRIX_FAILURE);
-        }
-    }
-    return RC_OK;
+    return WriteWithRetry(outbuf, Len,
+                          [this](const unsigned char* at, size_t n) { return write(m_nPortHandle, at, n); });
 }
 
 Vyrix_ReturnStatus CSPort::ClosePort() {

@@ -23,16 +23,22 @@ Vyrix_ReturnStatus MapTransferError(int err) {
     return RC(eVYRIX_FAILURE);
 }
 
-// A failing list call counts as an empty list.
-ssize_t DeviceList(libusb_context* ctx, libusb_device*** list) {
-    ssize_t count = libusb_get_device_list(ctx, list);
-    if (count < 0) {
-        *list = nullptr;
-        return 0;
-    }
-    return count;
-}
 }  // namespace
+
+bool CUsbPort::ListDevices(const char* function, libusb_device*** list, ssize_t* count) {
+    if (m_ctx == nullptr && libusb_init(&m_ctx) != 0) {
+        m_ctx = nullptr;
+        LlcLog("<ERROR> %s: Initialising libusb-1.0 failed", function);
+        return false;
+    }
+    *count = libusb_get_device_list(m_ctx, list);
+    if (*count < 0) {  // a failing list call counts as an empty list
+        *list = nullptr;
+        *count = 0;
+    }
+    LlcLog("<INFO> %s: %d devices.\n", function, static_cast<int>(*count));
+    return true;
+}
 
 CUsbPort::CUsbPort()
     : m_vyrixHandle(nullptr),
@@ -108,14 +114,9 @@ CUsbPort::Match CUsbPort::InspectDevice(libusb_device* dev) {
 
 Vyrix_ReturnStatus CUsbPort::OpenPort() {
     if (m_vyrixHandle != nullptr) return RC(eVYRIX_ALREADY_OPENED);
-    if (m_ctx == nullptr && libusb_init(&m_ctx) != 0) {
-        m_ctx = nullptr;
-        LlcLog("<ERROR> %s: Initialising libusb-1.0 failed", "OpenPort");
-        return RC(eVYRIX_FAILURE);
-    }
     libusb_device** list = nullptr;
-    ssize_t count = DeviceList(m_ctx, &list);
-    LlcLog("<INFO> %s: %d devices.\n", "OpenPort", static_cast<int>(count));
+    ssize_t count = 0;
+    if (!ListDevices("OpenPort", &list, &count)) return RC(eVYRIX_FAILURE);
     libusb_device* taken = nullptr;
     for (ssize_t i = 0; i < count && taken == nullptr; ++i) {
         libusb_device_descriptor desc{};
@@ -250,14 +251,9 @@ Vyrix_ReturnStatus CUsbPort::EnumerateDevices(unsigned int numDevicesToEnumerate
                                               void* pDeviceInfo) {
     if (pNumDevices == nullptr || pDeviceInfo == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     *pNumDevices = 0;
-    if (m_ctx == nullptr && libusb_init(&m_ctx) != 0) {
-        m_ctx = nullptr;
-        LlcLog("<ERROR> %s: Initialising libusb-1.0 failed", "EnumerateDevices");
-        return RC(eVYRIX_FAILURE);
-    }
     libusb_device** list = nullptr;
-    ssize_t count = DeviceList(m_ctx, &list);
-    LlcLog("<INFO> %s: %d devices.\n", "EnumerateDevices", static_cast<int>(count));
+    ssize_t count = 0;
+    if (!ListDevices("EnumerateDevices", &list, &count)) return RC(eVYRIX_FAILURE);
     auto* records = static_cast<Vyrix_EnumerateUSBInfo*>(pDeviceInfo);
     unsigned int filled = 0;
     for (ssize_t i = 0; i < count && filled < numDevicesToEnumerate; ++i) {

@@ -44,6 +44,8 @@ public:
 private:
     enum class Match { kSkip, kTake, kNoEndpoint };
     Match InspectDevice(libusb_device* dev);
+    // Starts the port's libusb context if needed and takes the device list.
+    bool ListDevices(const char* function, libusb_device*** list, ssize_t* count);
     Vyrix_ReturnStatus CreateLockFile();
     void RemoveLockFile();
     Vyrix_ReturnStatus FailOpen(libusb_device** list, Vyrix_ReturnStatus result);

@@ -26,4 +26,12 @@ bool CreateExclusiveLockFile(const char* name, int* pOpenResult, LockIdentity* i
 // name was held but the file could not be deleted or is no longer ours.
 bool ReleaseLockFile(char* lockName, const LockIdentity& identity);
 
+// Writes all `len` bytes with `write` (a write(2)-like call); on EBUSY or
+// EAGAIN it logs, waits 25 ms and writes the rest again, without limit.
+// 0, or 0x1000000 after logging any other failure.
+template <typename WriteFn>
+Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, WriteFn write);
+
+#include "LLC_Utility.inl"
+
 #endif  // LLC_UTILITY_H

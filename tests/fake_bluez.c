@@ -158,7 +158,8 @@ int connect(int fd, const struct sockaddr* addr, socklen_t len) {
 int setsockopt(int fd, int level, int name, const void* value, socklen_t len) {
     static int (*real)(int, int, int, const void*, socklen_t);
     if (real == NULL) real = (int (*)(int, int, int, const void*, socklen_t))dlsym(RTLD_NEXT, "setsockopt");
-    if (fd >= 0 && fd < MAX_FD && rfcomm_fd[fd] && level == SOL_SOCKET && (name == SO_RCVTIMEO || name == SO_SNDTIMEO)) {
+    if (fd >= 0 && fd < MAX_FD && rfcomm_fd[fd] && level == SOL_SOCKET &&
+        (name == SO_RCVTIMEO || name == SO_SNDTIMEO)) {
         const struct timeval* tv = (const struct timeval*)value;
         if (tv->tv_sec == 2 && tv->tv_usec == 0) ++vyrix_fake_timeouts_set;
     }

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "DeviceCodec.h"
+
 namespace vyrix::tools {
 
 namespace {
@@ -40,13 +42,6 @@ void ProgressBar::Update(size_t done, size_t total) {
 
 void ProgressBar::Finish() { fprintf(stderr, "\n"); }
 
-uint32_t Crc32(const std::vector<uint8_t>& data) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (uint8_t b : data) {
-        crc ^= b;
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
+uint32_t Crc32(const std::vector<uint8_t>& data) { return vyrix::sim::Crc32(data); }
 
 }  // namespace vyrix::tools

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "DeviceCodec.h"
 #include "Vyrix_Opcodes.h"
 #include "vyrix_rc.h"
 
@@ -70,15 +71,6 @@ const SettingSpec* SpecFor(uint8_t opcode) {
     for (const SettingSpec& spec : Specs())
         if (spec.setOp == opcode || spec.getOp == opcode) return &spec;
     return nullptr;
-}
-
-uint32_t Crc32(const std::vector<uint8_t>& data) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (uint8_t b : data) {
-        crc ^= b;
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
 }
 
 Answer Refused(Vyrix_ReturnCodeE code) { return Answer{false, VYRIX_RESULT(code), {}}; }

@@ -184,7 +184,21 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
         if (trace_) Trace("device <-", bytes);
         WriteReply(bytes, faults.splitBytes, faults.splitPauseMs);
     }
-    if (faults.hangUpAfter > 0 && number >= faults.hangUpAfter) HangUp();
+    if (faults.hangUpAfter > 0 && number >= faults.hangUpAfter) {
+        LetTheHostRead();
+        HangUp();
+    }
+}
+
+// Closing the line discards what the host has not read yet: a device that
+// hangs up after its reply lets the reply be read first.  The bytes reach
+// the terminal's input queue a moment after the write, hence the short
+// pause before looking at it.
+void DeviceSimulator::LetTheHostRead() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (PendingToHost() > 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
 // A reply is written whole (all its pieces) under the write lock, and keeps

@@ -89,6 +89,7 @@ private:
     DeviceSimulator(int fd, int slaveFd, std::string path);
     void Run();
     void Serving();
+    void LetTheHostRead();
     void Wake();
     void CloseLine();
     void Serve(const HostPacket& packet);
