@@ -53,6 +53,34 @@ inline int CountEntries(const char* dir) {
     }
     return n - 2;
 }
+// The names of the process's threads, for messages.
+inline std::string ThreadNames() {
+    std::string names;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
+            if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+            names += std::string(e->d_name) + ":" + comm + " ";
+        }
+        closedir(d);
+    }
+    return names;
+}
+// Threads other than GLib's own (umockdev's workers start and idle out on
+// their own schedule).
+inline int NonGlibThreads() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            const std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
+            if (comm.rfind("pool-", 0) != 0 && comm.rfind("gmain", 0) != 0 && comm.rfind("gdbus", 0) != 0) ++n;
+        }
+        closedir(d);
+    }
+    return n;
+}
 inline int OpenFds() { return CountEntries("/proc/self/fd") - 1; }  // less opendir's own
 inline int Threads() { return CountEntries("/proc/self/task"); }
 

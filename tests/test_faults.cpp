@@ -278,6 +278,9 @@ TEST_F(Faulty, SecondProcessIsRefusedAndLogsApart) {
 }
 
 TEST_F(Faulty, MemoryStaysFlatOverTenThousandCommands) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer holds freed memory back; LeakSanitizer checks for leaks in this build";
+#endif
     sim->SetRecording(false);  // the simulator would keep every packet
     sim->SetResponder([](const vyrix::sim::HostPacket& p) -> std::optional<vyrix::sim::Reply> {
         return vt::ReplyTo(p.payload[2] & 0x3F, {1, 2, 3, 4});

@@ -167,10 +167,10 @@ TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
 }
 
 TEST_F(Usb, KernelDriverIsDetachedAndTheOutEndpointFound) {
-    UsbDeviceSpec spec = Vyrix(2);
-    spec.kernelDriver = true;
-    spec.outAddress = 0x02;
-    auto& dev = g_usb->Add(spec);
+    UsbDeviceSpec setup = Vyrix(2);
+    setup.kernelDriver = true;
+    setup.outAddress = 0x02;
+    auto& dev = g_usb->Add(setup);
     CUsbPort port;
     ASSERT_EQ(port.OpenPort(), kOk) << Log();
     EXPECT_TRUE(dev.DriverDetached());
@@ -300,11 +300,13 @@ protected:
     void ExpectClosedCleanly() {
         EXPECT_EQ(KtCloseUsbPort(), 0u);
         EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
-        EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() <= threads; })) << vt::Threads() << " > " << threads;
+        EXPECT_TRUE(vt::Eventually([&] { return vt::NonGlibThreads() <= threads; }))
+            << vt::ThreadNames() << " before: " << names;
     }
     // Opens the port, noting the threads that exist without it.
     Vyrix_ReturnStatus Open() {
-        threads = vt::Threads();
+        threads = vt::NonGlibThreads();
+        names = vt::ThreadNames();
         return KtOpenUsbPort();
     }
     Vyrix_ReturnStatus Send() {
@@ -313,6 +315,7 @@ protected:
     }
     uint64_t Queued() { return g_pUsbCommHandler->QueuedRecords(eCONNECTION_ORIENTED); }
     int threads = 0;
+    std::string names;
     vt::UsbEmulator::Device* dev = nullptr;
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
     std::vector<uint8_t> command = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};

@@ -81,18 +81,18 @@ void Release(Urb& u) {
 
 class EmulatedDevice : public UsbEmulator::Device {
 public:
-    EmulatedDevice(UMockdevTestbed* testbed, const UsbDeviceSpec& spec) : testbed_(testbed), spec_(spec) {
+    EmulatedDevice(UMockdevTestbed* testbed, const UsbDeviceSpec& setup) : testbed_(testbed), spec_(setup) {
         char bus[8], dev[8];
-        snprintf(bus, sizeof bus, "%03d", spec.bus);
-        snprintf(dev, sizeof dev, "%03d", spec.address);
+        snprintf(bus, sizeof bus, "%03d", setup.bus);
+        snprintf(dev, sizeof dev, "%03d", setup.address);
         devnode_ = std::string("/dev/bus/usb/") + bus + "/" + dev;
-        syspath_ = "/sys/devices/" + std::to_string(spec.bus) + "-" + std::to_string(spec.address);
+        syspath_ = "/sys/devices/" + std::to_string(setup.bus) + "-" + std::to_string(setup.address);
         std::string record =
-            "P: /devices/" + std::to_string(spec.bus) + "-" + std::to_string(spec.address) + "\nN: bus/usb/" + bus +
+            "P: /devices/" + std::to_string(setup.bus) + "-" + std::to_string(setup.address) + "\nN: bus/usb/" + bus +
             "/" + dev + "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n" + "E: DEVNAME=" + devnode_ +
-            "\nE: BUSNUM=" + bus + "\nE: DEVNUM=" + dev + "\nA: busnum=" + std::to_string(spec.bus) +
-            "\\n\nA: devnum=" + std::to_string(spec.address) + "\\n\nA: speed=12\\n\nA: bConfigurationValue=1\\n\n" +
-            "H: descriptors=" + Hex(Descriptors(spec)) + "\n";
+            "\nE: BUSNUM=" + bus + "\nE: DEVNUM=" + dev + "\nA: busnum=" + std::to_string(setup.bus) +
+            "\\n\nA: devnum=" + std::to_string(setup.address) + "\\n\nA: speed=12\\n\nA: bConfigurationValue=1\\n\n" +
+            "H: descriptors=" + Hex(Descriptors(setup)) + "\n";
         GError* error = nullptr;
         if (!umockdev_testbed_add_from_string(testbed_, record.c_str(), &error)) Fail("add_from_string", error);
 
@@ -431,8 +431,8 @@ UsbEmulator::~UsbEmulator() {
     g_object_unref(impl_->testbed);
 }
 
-UsbEmulator::Device& UsbEmulator::Add(const UsbDeviceSpec& spec) {
-    impl_->devices.push_back(std::make_unique<EmulatedDevice>(impl_->testbed, spec));
+UsbEmulator::Device& UsbEmulator::Add(const UsbDeviceSpec& setup) {
+    impl_->devices.push_back(std::make_unique<EmulatedDevice>(impl_->testbed, setup));
     return *impl_->devices.back();
 }
 

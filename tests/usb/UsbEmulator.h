@@ -40,7 +40,7 @@ public:
 
     class Device;
     // Adds a device; its stream end (for the simulator) is Device::TakeStream.
-    Device& Add(const UsbDeviceSpec& spec);
+    Device& Add(const UsbDeviceSpec& setup);
 
     class Device {
     public:

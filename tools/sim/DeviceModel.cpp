@@ -48,8 +48,8 @@ void Append16(std::vector<uint8_t>& out, uint16_t v) {
     out.push_back(static_cast<uint8_t>(v >> 8));
 }
 
-const std::vector<SettingSpec>& Specs() {
-    static const std::vector<SettingSpec> specs = {
+const std::vector<SettingSpec>& SettingTable() {
+    static const std::vector<SettingSpec> settings = {
         {eOP_SET_INPUT_VIDEO_STATE, eOP_GET_INPUT_VIDEO_STATE, 0, 4, Le32Bytes(1)},
         {eOP_SET_COLOR_MODE, eOP_GET_COLOR_MODE, 0, 4, Le32Bytes(0)},
         {eOP_SET_FLIP_STATE, eOP_GET_FLIP_STATE, 0, 4, Le32Bytes(0)},
@@ -64,12 +64,12 @@ const std::vector<SettingSpec>& Specs() {
         {eOP_SET_MICROWEAVE, eOP_GET_MICROWEAVE, 0, 4, Le32Bytes(1)},
         {eOP_SET_FRAME_RATE_MODE, eOP_GET_FRAME_RATE_MODE, 0, 12, {0, 0, 0, 0, 60, 0, 0, 0, 0, 0, 0, 0}},
     };
-    return specs;
+    return settings;
 }
 
 const SettingSpec* SpecFor(uint8_t opcode) {
-    for (const SettingSpec& spec : Specs())
-        if (spec.setOp == opcode || spec.getOp == opcode) return &spec;
+    for (const SettingSpec& setting : SettingTable())
+        if (setting.setOp == opcode || setting.getOp == opcode) return &setting;
     return nullptr;
 }
 
@@ -101,32 +101,32 @@ Answer DeviceModel::Handle(const std::vector<uint8_t>& command) {
 DeviceModel::Setting& DeviceModel::SettingFor(const Key& key, size_t valueWidth) {
     auto it = settings_.find(key);
     if (it != settings_.end()) return it->second;
-    const SettingSpec* spec = SpecFor(key.first);
-    std::vector<uint8_t> factory = spec ? spec->factory : std::vector<uint8_t>(valueWidth, 0);
+    const SettingSpec* setting = SpecFor(key.first);
+    std::vector<uint8_t> factory = setting ? setting->factory : std::vector<uint8_t>(valueWidth, 0);
     Setting& s = settings_[key];
     for (auto& copy : s.copy) copy = factory;
     return s;
 }
 
 Answer DeviceModel::SetSetting(uint8_t opcode, const uint8_t* params, size_t size) {
-    const SettingSpec& spec = *SpecFor(opcode);
-    if (size != spec.keyBytes + spec.valueBytes + 4) return Refused(eVYRIX_INVALID_DATA);
-    const uint32_t storage = Le32At(params + spec.keyBytes + spec.valueBytes);
+    const SettingSpec& setting = *SpecFor(opcode);
+    if (size != setting.keyBytes + setting.valueBytes + 4) return Refused(eVYRIX_INVALID_DATA);
+    const uint32_t storage = Le32At(params + setting.keyBytes + setting.valueBytes);
     if (storage >= kFactory) return Refused(eVYRIX_INVALID_ARGUMENT);
-    Key key{spec.getOp, std::vector<uint8_t>(params, params + spec.keyBytes)};
-    Setting& s = SettingFor(key, spec.valueBytes);
-    s.copy[storage].assign(params + spec.keyBytes, params + spec.keyBytes + spec.valueBytes);
+    Key key{setting.getOp, std::vector<uint8_t>(params, params + setting.keyBytes)};
+    Setting& s = SettingFor(key, setting.valueBytes);
+    s.copy[storage].assign(params + setting.keyBytes, params + setting.keyBytes + setting.valueBytes);
     Log(kEventSettingChanged, storage, opcode, 0);
     return Answer{};
 }
 
 Answer DeviceModel::GetSetting(uint8_t opcode, const uint8_t* params, size_t size) {
-    const SettingSpec& spec = *SpecFor(opcode);
-    if (size != spec.keyBytes + 4) return Refused(eVYRIX_INVALID_DATA);
-    const uint32_t storage = Le32At(params + spec.keyBytes);
+    const SettingSpec& setting = *SpecFor(opcode);
+    if (size != setting.keyBytes + 4) return Refused(eVYRIX_INVALID_DATA);
+    const uint32_t storage = Le32At(params + setting.keyBytes);
     if (storage >= kStorageCopies) return Refused(eVYRIX_INVALID_ARGUMENT);
-    Key key{spec.getOp, std::vector<uint8_t>(params, params + spec.keyBytes)};
-    return Answer{false, 0, SettingFor(key, spec.valueBytes).copy[storage]};
+    Key key{setting.getOp, std::vector<uint8_t>(params, params + setting.keyBytes)};
+    return Answer{false, 0, SettingFor(key, setting.valueBytes).copy[storage]};
 }
 
 Answer DeviceModel::Upgrade(const uint8_t* params, size_t size) {
@@ -172,8 +172,8 @@ Answer DeviceModel::EventLog(const uint8_t* params, size_t size) {
 }
 
 Answer DeviceModel::HandleLocked(uint8_t opcode, const uint8_t* params, size_t size) {
-    if (const SettingSpec* spec = SpecFor(opcode))
-        return opcode == spec->setOp ? SetSetting(opcode, params, size) : GetSetting(opcode, params, size);
+    if (const SettingSpec* setting = SpecFor(opcode))
+        return opcode == setting->setOp ? SetSetting(opcode, params, size) : GetSetting(opcode, params, size);
     Answer a;
     switch (opcode) {
         case eOP_GET_INPUT_VIDEO_PROPERTIES:
