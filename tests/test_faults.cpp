@@ -34,8 +34,8 @@ long RssKiB() {
 class Faulty : public vt::ApiLink {
 protected:
     void SetUp() override {
-        threadsBefore = vt::Threads();
         ApiLink::SetUp();
+        threadsWithPort = vt::Threads();
     }
     // The aftermath every fault must leave: the connection closes, the lock
     // file and the receive thread are gone, and a new device works.
@@ -44,7 +44,8 @@ protected:
         EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
         EXPECT_LT(watch.Ms(), 1500);
         EXPECT_FALSE(vt::FileExists(vt::SerialLockName(path)));
-        EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() <= threadsBefore + 1; }));  // the simulator's own
+        EXPECT_TRUE(vt::Eventually([&] { return vt::Threads() <= threadsWithPort - 1; }))  // the receive thread is gone
+            << vt::ThreadNames();
         auto fresh = vyrix::sim::DeviceSimulator::OverPty();
         void* again = nullptr;
         ASSERT_EQ(Vyrix_OpenConnection(library, &again, vt::UartRecord(fresh->SlavePath().c_str())), 0u);
@@ -64,7 +65,7 @@ protected:
         in.pPayload = reply.data();
         return KtRemoveMsg(&in, retryCount);
     }
-    int threadsBefore = 0;
+    int threadsWithPort = 0;
 };
 
 TEST_F(Faulty, HangUpInTheMiddleOfACommand) {
