@@ -2,6 +2,7 @@
 #ifndef LLC_UTILITY_H
 #define LLC_UTILITY_H
 
+#include <cerrno>
 #include <cstddef>
 
 #include "LLC_Common.h"
@@ -30,8 +31,21 @@ bool ReleaseLockFile(char* lockName, const LockIdentity& identity);
 // EAGAIN it logs, waits 25 ms and writes the rest again, without limit.
 // 0, or 0x1000000 after logging any other failure.
 template <typename WriteFn>
-Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, WriteFn write);
-
-#include "LLC_Utility.inl"
+Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, WriteFn write) {
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = write(buf + done, len - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
+            LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
+            LLCSleep(KT_WRITE_RETRY_MS);
+        } else {
+            LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
+            return RC(eVYRIX_FAILURE);
+        }
+    }
+    return RC_OK;
+}
 
 #endif  // LLC_UTILITY_H

@@ -3,8 +3,6 @@
 #include <chrono>
 #include <cstdio>
 
-#include "DeviceCodec.h"
-
 namespace vyrix::tools {
 
 namespace {
@@ -41,7 +39,5 @@ void ProgressBar::Update(size_t done, size_t total) {
 }
 
 void ProgressBar::Finish() { fprintf(stderr, "\n"); }
-
-uint32_t Crc32(const std::vector<uint8_t>& data) { return vyrix::sim::Crc32(data); }
 
 }  // namespace vyrix::tools

@@ -31,8 +31,6 @@ private:
     double rate_ = 0;
 };
 
-uint32_t Crc32(const std::vector<uint8_t>& data);
-
 }  // namespace vyrix::tools
 
 #endif

@@ -229,7 +229,7 @@ Answer DeviceModel::HandleLocked(uint8_t opcode, const uint8_t* params, size_t s
 std::vector<uint8_t> DeviceModel::Notification(uint16_t code, uint32_t detail) {
     std::lock_guard<std::mutex> lock(mutex_);
     Log(code, detail, 0, 0);
-    std::vector<uint8_t> payload = {0x2A, 0x2A};
+    std::vector<uint8_t> payload = {kMarker, kMarker};
     Append16(payload, code);
     Append(payload, Le32Bytes(detail));
     return payload;

@@ -133,7 +133,7 @@ int Upgrade(void* h, const std::string& file, bool json) {
     if (!json) bar.Finish();
     report.Add("bytes", static_cast<long long>(image.size()));
     char crc[16];
-    snprintf(crc, sizeof crc, "%08X", Crc32(image));
+    snprintf(crc, sizeof crc, "%08X", vyrix::sim::Crc32(image));
     report.AddText("crc32", crc);
     char rate[32];
     snprintf(rate, sizeof rate, "%.0f", bar.BytesPerSecond());
