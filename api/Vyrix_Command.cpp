@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "LLC_Links.h"
 #include "Vyrix_Internal.h"
 
 namespace {
@@ -111,15 +112,7 @@ Vyrix_ReturnStatus SendXlnkMsg(unsigned char /*opcode*/, unsigned char* pPayload
     return KtSendMsg(record);
 }
 
-void FlushMsgQueue() {
-    std::unique_ptr<unsigned char[]> scratch(new unsigned char[kReplyCapacity]());
-    for (unsigned i = 0; i < kFlushRecords; ++i) {
-        KtXlnkMsgS record{};
-        record.payloadLen = kReplyCapacity;
-        record.pPayload = scratch.get();
-        if (KtRemoveMsg(&record, kFlushRetryCount) != eVYRIX_RETURN_SUCCESS) break;
-    }
-}
+void FlushMsgQueue() { LlcDropReplies(); }
 
 Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId) {
     if (ppReply == nullptr || pReplyLen == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
@@ -132,7 +125,7 @@ Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, 
     record.pPayload = *ppReply;
     Vyrix_ReturnStatus r;
     if (protocolId == ePROTOCOL_CONNECTION_ORIENTED)
-        r = KtRemoveMsg(&record, kReplyRetryCount);
+        r = KtRemoveMsg(&record, ConnectionScope::ReplyRetryCount());
     else if (protocolId == ePROTOCOL_CONNECTIONLESS)
         r = KtRemoveConnectionlessMsg(&record);
     else

@@ -1,9 +1,13 @@
-// The table of open connections: one entry per transport at most.
+// The table of open connections, the records behind the handles, and the
+// per-connection settings that an operation's command uses.
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <new>
 
+#include "LLC_Common.h"
 #include "Vyrix_Internal.h"
 
 namespace {
@@ -50,6 +54,39 @@ Vyrix_ConnectionInfoS Normalised(const Vyrix_ConnectionInfoS& info) {
     return copy;
 }
 
+// Connection records, handed out new until kRetiredConnections closed ones
+// wait; then the one closed longest ago.  Process-wide: a handle from a
+// library opened and closed before stays dead too.
+class RecordPool {
+public:
+    Vyrix_Connection* Take() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_retired.size() < kRetiredConnections) return new Vyrix_Connection();
+        Vyrix_Connection* record = m_retired.front();
+        m_retired.pop_front();
+        *record = Vyrix_Connection();
+        return record;
+    }
+    void Retire(Vyrix_Connection* record) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_retired.push_back(record);
+    }
+    ~RecordPool() {
+        for (Vyrix_Connection* record : m_retired) delete record;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::deque<Vyrix_Connection*> m_retired;
+};
+
+RecordPool& Records() {
+    static RecordPool pool;
+    return pool;
+}
+
+thread_local unsigned int t_replyTimeoutMs = 0;
+
 Vyrix_ReturnStatus OpenPortFor(const Vyrix_ConnectionInfoS& info) {
     switch (info.connectionType) {
         case eVYRIX_CONNECTION_USB: return KtOpenUsbPort();
@@ -60,11 +97,34 @@ Vyrix_ReturnStatus OpenPortFor(const Vyrix_ConnectionInfoS& info) {
 }
 }  // namespace
 
+void RetireConnection(Vyrix_Connection* record) { Records().Retire(record); }
+
+Vyrix_Connection* FindConnection(const void* handle) {
+    if (g_pLibCtx == nullptr || handle == nullptr) return nullptr;
+    for (Vyrix_Connection* entry : g_pLibCtx->connections)
+        if (entry == handle) return entry;
+    return nullptr;
+}
+
+ConnectionScope::ConnectionScope(const void* handle) : m_saved(t_replyTimeoutMs) {
+    LibraryLock lock;
+    const Vyrix_Connection* entry = FindConnection(handle);
+    t_replyTimeoutMs = entry != nullptr ? entry->replyTimeoutMs : 0;
+}
+
+ConnectionScope::~ConnectionScope() { t_replyTimeoutMs = m_saved; }
+
+int ConnectionScope::ReplyRetryCount() {
+    if (t_replyTimeoutMs == 0) return kReplyRetryCount;
+    const unsigned periods = (t_replyTimeoutMs + KT_REMOVE_POLL_MS - 1) / KT_REMOVE_POLL_MS;
+    return static_cast<int>(periods) - 1;
+}
+
 Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex) {
     LibraryLock lock;
-    const std::vector<Vyrix_ConnectionInfoS*>& table = g_pLibCtx->connections;
+    const std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
     for (size_t i = 0; i < table.size(); ++i) {
-        if (SameDevice(*table[i], connectionInfo)) {
+        if (SameDevice(table[i]->info, connectionInfo)) {
             *pIndex = static_cast<unsigned int>(i);
             return Result(eVYRIX_ALREADY_OPENED);
         }
@@ -75,17 +135,17 @@ Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo
 
 Vyrix_ReturnStatus CloseConnection(unsigned int index) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
-    std::vector<Vyrix_ConnectionInfoS*>& table = g_pLibCtx->connections;
+    std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
     if (index >= table.size()) return Result(eVYRIX_INVALID_ARGUMENT);
     Vyrix_ReturnStatus r;
-    switch (table[index]->connectionType) {
+    switch (table[index]->info.connectionType) {
         case eVYRIX_CONNECTION_USB: r = KtCloseUsbPort(); break;
         case eVYRIX_CONNECTION_UART: r = KtCloseSerialPort(); break;
         case eVYRIX_CONNECTION_BTH: r = KtCloseBTHSocket(); break;
         default: return Result(eVYRIX_FAILURE);
     }
     if (r == eVYRIX_RETURN_SUCCESS) {
-        delete table[index];
+        Records().Retire(table[index]);
         table.erase(table.begin() + index);
     }
     return r;
@@ -110,8 +170,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
         unsigned int index = 0;
         if (GetConnectionHandleIndex(info, &index) == Result(eVYRIX_ALREADY_OPENED))
             return Result(eVYRIX_ALREADY_OPENED);
-        auto* stored = new (std::nothrow) Vyrix_ConnectionInfoS;
-        if (stored == nullptr) return Result(eVYRIX_FAILURE);
+        Vyrix_Connection* stored = Records().Take();
         {
             // Room first, so the append below cannot fail once a port is open.
             LibraryLock lock;
@@ -121,10 +180,10 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
         // of one transport apart.
         Vyrix_ReturnStatus r = OpenPortFor(info);
         if (r != eVYRIX_RETURN_SUCCESS) {
-            delete stored;
+            Records().Retire(stored);
             return r;
         }
-        *stored = info;
+        stored->info = info;
         {
             LibraryLock lock;
             g_pLibCtx->connections.push_back(stored);
@@ -140,12 +199,24 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     if (connHandle == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
-        const Vyrix_ConnectionInfoS record = *static_cast<Vyrix_ConnectionInfoS*>(connHandle);
-        unsigned int index = 0;
-        if (GetConnectionHandleIndex(record, &index) == Result(eVYRIX_NOT_CONNECTED))
-            return Result(eVYRIX_INVALID_ARGUMENT);
         LibraryLock lock;
-        return CloseConnection(index);
+        const std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
+        for (size_t i = 0; i < table.size(); ++i)
+            if (table[i] == connHandle) return CloseConnection(static_cast<unsigned int>(i));
+        return Result(eVYRIX_INVALID_ARGUMENT);
+    } catch (...) {
+        return Result(eVYRIX_INTERNAL_ERROR);
+    }
+}
+
+extern "C" Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int milliseconds) {
+    if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    try {
+        LibraryLock lock;
+        Vyrix_Connection* entry = FindConnection(connHandle);
+        if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+        entry->replyTimeoutMs = milliseconds;
+        return eVYRIX_RETURN_SUCCESS;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
     }

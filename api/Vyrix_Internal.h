@@ -11,9 +11,16 @@
 #include "Vyrix_Api.h"
 #include "Vyrix_LLC_Api_Ex.h"
 
+// One open connection.  The application's record comes first, so the
+// handle (the address of this) also points at the record.
+struct Vyrix_Connection {
+    Vyrix_ConnectionInfoS info;
+    unsigned int replyTimeoutMs;  // 0: the default
+};
+
 struct Vyrix_LibraryContext {
-    std::vector<Vyrix_ConnectionInfoS*> connections;  // owned, oldest first
-    uint8_t sequenceNumber = 0;                       // of the last command sent
+    std::vector<Vyrix_Connection*> connections;  // oldest first
+    uint8_t sequenceNumber = 0;                  // of the last command sent
 };
 
 extern Vyrix_LibraryContext* g_pLibCtx;  // null while the library is closed
@@ -32,9 +39,10 @@ constexpr unsigned kCommandHeader = 4;      // markers, sequence, opcode
 constexpr unsigned kReplyStatusOffset = 3;  // status word
 constexpr unsigned kReplyValuesOffset = 7;  // first reply value
 constexpr unsigned short kReplyCapacity = 4096;
-constexpr int kReplyRetryCount = 7500;  // about 750 s of polling
-constexpr int kFlushRetryCount = 1;
-constexpr unsigned kFlushRecords = 20;
+constexpr int kReplyRetryCount = 7500;  // about 750 s of waiting
+// A closed connection's record is not handed out again for this many opens,
+// so a stale handle never names a newer connection.
+constexpr size_t kRetiredConnections = 65536;
 
 // Holds the library lock for a scope; releases it on every exit path.
 class LibraryLock {
@@ -46,6 +54,29 @@ public:
 };
 
 // Connections.
+// The table entry behind a handle, or null when the handle is not an open
+// connection.  The caller holds the library lock.
+Vyrix_Connection* FindConnection(const void* handle);
+// Puts a record that leaves the table aside (it is not freed for reuse).
+void RetireConnection(Vyrix_Connection* record);
+
+// What an operation's command needs from its connection, for the
+// operation's duration on its thread.
+class ConnectionScope {
+public:
+    explicit ConnectionScope(const void* handle);
+    ~ConnectionScope();
+    ConnectionScope(const ConnectionScope&) = delete;
+    ConnectionScope& operator=(const ConnectionScope&) = delete;
+
+    // How long the current command waits for its reply, in 100 ms periods
+    // after the first (the receive functions' retry count).
+    static int ReplyRetryCount();
+
+private:
+    unsigned int m_saved;
+};
+
 Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);
 Vyrix_ReturnStatus CloseConnection(unsigned int index);
 int GetCOMPortNumber(const char* pName, const char* pPrefix);

@@ -58,7 +58,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
                     ++index;
                 }
             }
-            for (Vyrix_ConnectionInfoS* left : g_pLibCtx->connections) delete left;
+            for (Vyrix_Connection* left : g_pLibCtx->connections) RetireConnection(left);
             delete g_pLibCtx;
             g_pLibCtx = nullptr;
         }

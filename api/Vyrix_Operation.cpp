@@ -48,10 +48,12 @@ void StoreValues(const unsigned char* at, std::initializer_list<Value> values) {
     }
 }
 
-Vyrix_ReturnStatus Set(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params) {
+Vyrix_ReturnStatus Set(const void* handle, bool argumentsValid, uint8_t opcode,
+                       std::initializer_list<Vyrix_DataS> params) {
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
+        ConnectionScope scope(handle);
         Records records(params);
         return AlcSendCommandParams(opcode, records.Data(), records.count, eEP_DEVICE);
     } catch (...) {

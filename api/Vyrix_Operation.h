@@ -89,14 +89,17 @@ struct Records {
 };
 
 // The Set pattern: library check, argument verdict, command acknowledged.
-Vyrix_ReturnStatus Set(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params);
+Vyrix_ReturnStatus Set(const void* handle, bool argumentsValid, uint8_t opcode,
+                       std::initializer_list<Vyrix_DataS> params);
 
 // The Get pattern with a custom reader of the reply values.
 template <typename Store>
-Vyrix_ReturnStatus Query(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params, Store store) {
+Vyrix_ReturnStatus Query(const void* handle, bool argumentsValid, uint8_t opcode,
+                         std::initializer_list<Vyrix_DataS> params, Store store) {
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
+        ConnectionScope scope(handle);
         Vyrix_DataS records[4];
         int count = 0;
         for (const Vyrix_DataS& p : params) records[count++] = p;
@@ -111,9 +114,10 @@ Vyrix_ReturnStatus Query(bool argumentsValid, uint8_t opcode, std::initializer_l
 }
 
 // The Get pattern with the reply values in a table.
-inline Vyrix_ReturnStatus Get(bool argumentsValid, uint8_t opcode, std::initializer_list<Vyrix_DataS> params,
-                              std::initializer_list<Value> values) {
-    return Query(argumentsValid, opcode, params, [values](const unsigned char* at) { StoreValues(at, values); });
+inline Vyrix_ReturnStatus Get(const void* handle, bool argumentsValid, uint8_t opcode,
+                              std::initializer_list<Vyrix_DataS> params, std::initializer_list<Value> values) {
+    return Query(handle, argumentsValid, opcode, params,
+                 [values](const unsigned char* at) { StoreValues(at, values); });
 }
 
 }  // namespace op

@@ -30,34 +30,34 @@ void StoreEventLog(const unsigned char* at, uint16_t count, Vyrix_EventLogEntryS
 extern "C" {
 
 Vyrix_ReturnStatus Vyrix_GetSystemInfo(void* handle, Vyrix_SystemInfoS* info) {
-    return Query(handle && info, eOP_GET_SYSTEM_INFO, {},
+    return Query(handle, handle && info, eOP_GET_SYSTEM_INFO, {},
                  [info](const unsigned char* at) { StoreSystemInfo(at, info); });
 }
 
 Vyrix_ReturnStatus Vyrix_GetSystemStatus(void* handle, Vyrix_SystemStatusS* status) {
-    if (handle == nullptr || status == nullptr) return Get(false, eOP_GET_SYSTEM_STATUS, {}, {});
+    if (handle == nullptr || status == nullptr) return Get(handle, false, eOP_GET_SYSTEM_STATUS, {}, {});
     Vyrix_SystemStatusS& s = *status;
-    return Get(true, eOP_GET_SYSTEM_STATUS, {},
+    return Get(handle, true, eOP_GET_SYSTEM_STATUS, {},
                {Out(&s.statusWord1), Out(&s.statusWord2), Out(&s.statusValue), Out(&s.statusWord3), Out(&s.statusWord4),
                 Out(&s.statusWord5), Out(&s.statusWord6), Out(&s.statusWord7)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetEventLog(void* handle, uint16_t count, Vyrix_EventLogEntryS* entries) {
-    return Query(handle && entries && count <= kEventLogMaxCount, eOP_GET_EVENT_LOG, {U16(count)},
+    return Query(handle, handle && entries && count <= kEventLogMaxCount, eOP_GET_EVENT_LOG, {U16(count)},
                  [count, entries](const unsigned char* at) { StoreEventLog(at, count, entries); });
 }
 
 Vyrix_ReturnStatus Vyrix_RestoreFactorySettings(void* handle) {
-    return Get(handle != nullptr, eOP_RESTORE_FACTORY, {}, {});
+    return Get(handle, handle != nullptr, eOP_RESTORE_FACTORY, {}, {});
 }
 
-Vyrix_ReturnStatus Vyrix_CommitAll(void* handle) { return Get(handle != nullptr, eOP_COMMIT_ALL, {}, {}); }
+Vyrix_ReturnStatus Vyrix_CommitAll(void* handle) { return Get(handle, handle != nullptr, eOP_COMMIT_ALL, {}, {}); }
 
-Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* /*handle*/, uint32_t upgradeParam1, uint32_t chunkLength,
+Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* handle, uint32_t upgradeParam1, uint32_t chunkLength,
                                          uint32_t upgradeParam3, const uint8_t* chunk) {
     // The whole 4000-byte chunk goes out, whatever chunkLength says.
     Vyrix_DataBufferS data{const_cast<uint8_t*>(chunk), kUpgradeChunkBytes};
-    return Get(chunkLength <= kUpgradeChunkBytes && chunk != nullptr, eOP_UPGRADE_SOFTWARE,
+    return Get(handle, chunkLength <= kUpgradeChunkBytes && chunk != nullptr, eOP_UPGRADE_SOFTWARE,
                {U32(upgradeParam1), U32(chunkLength), U32(upgradeParam3), Buffer(&data)}, {});
 }
 

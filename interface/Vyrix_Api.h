@@ -270,9 +270,19 @@ Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle);
  * null.  Otherwise 0x05000000. */
 Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle, Vyrix_ConnectionInfoS connectionInfo);
 
-/* Close a connection: 0; 0x05000000 null or unknown handle; the port close
- * result (the entry then stays).  Waits for the receive thread to end. */
+/* Close a connection: 0; 0x05000000 null, unknown or already closed handle
+ * (a closed handle is never handed out again for at least the next 65536
+ * opens, so it cannot close a newer connection); the port close result (the
+ * entry then stays).  Returns within milliseconds: the receive thread is
+ * woken and joined.  A command waiting on this connection in another thread
+ * returns 0x16000000 eVYRIX_NOT_CONNECTED. */
 Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle);
+
+/* Extension.  How long commands on this connection wait for the device's
+ * reply, in milliseconds (rounded up to 100 ms); 0 restores the default of
+ * about 750 s.  0; 0x04000000 library not open; 0x05000000 null, unknown or
+ * closed handle.  Thread-safe. */
+Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int milliseconds);
 
 /* ===== Display and video settings ======================================= *
  * Set: storage 0 or 1, acknowledged by the device; the reply status word is

@@ -1,66 +1,70 @@
 // The exported packet-level service functions: one handler per transport,
-// created by an open and destroyed by a close; every send and receive goes
-// to the first open transport in the order USB, serial, Bluetooth.
+// created by an open and destroyed by a close (or by the last caller still
+// using it); every send and receive goes to the first open transport in the
+// order USB, serial, Bluetooth.
 #include <cstdio>
 #include <memory>
 
-#include "LLC_CommHandler.h"
+#include "LLC_HandlerTable.h"
+#include "LLC_Links.h"
 #include "LLC_LogFile.h"
-
-CCommHandler* g_pUsbCommHandler = nullptr;
-CCommHandler* g_pSerialCommHandler = nullptr;
-CCommHandler* g_pBTHCommHandler = nullptr;
 
 namespace {
 constexpr size_t kSerialNameSize = 32;
 
-CCommHandler* ChooseHandler(const char* function) {
-    if (g_pUsbCommHandler != nullptr) return g_pUsbCommHandler;
-    if (g_pSerialCommHandler != nullptr) return g_pSerialCommHandler;
-    if (g_pBTHCommHandler != nullptr) return g_pBTHCommHandler;
-    LlcLog("<ERROR> %s :No port opened for communication\n", function);
-    return nullptr;
+KtHandlerRef ChooseHandler(const char* function) {
+    KtHandlerRef handler = CHandlerTable::Instance().FirstOpen();
+    if (handler == nullptr) LlcLog("<ERROR> %s :No port opened for communication\n", function);
+    return handler;
 }
 
 template <typename OpenFn>
-Vyrix_ReturnStatus OpenTransport(CCommHandler*& slot, const char* function, const char* alreadyOpen,
+Vyrix_ReturnStatus OpenTransport(KtTransportE transport, const char* function, const char* alreadyOpen,
                                  const char* openError, OpenFn open) {
     LogStart();
-    if (slot != nullptr) {
+    CHandlerTable& table = CHandlerTable::Instance();
+    if (table.Count(transport) > 0) {
         LlcLog(alreadyOpen, function);
         return RC(eVYRIX_ALREADY_OPENED);
     }
-    std::unique_ptr<CCommHandler> handler(new CCommHandler());
-    slot = handler.get();
+    auto handler = std::make_shared<CCommHandler>();
     Vyrix_ReturnStatus r = open(*handler);
     if (r != RC_OK) {
         LlcLog(openError, function);
-        slot = nullptr;
         return r;
     }
-    handler.release();
+    if (!table.Add(transport, handler, 1)) {  // another thread opened one meanwhile
+        handler->ClosePort();
+        LlcLog(alreadyOpen, function);
+        return RC(eVYRIX_ALREADY_OPENED);
+    }
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CloseTransport(CCommHandler*& slot, const char* function) {
-    if (slot == nullptr) {
+Vyrix_ReturnStatus CloseTransport(KtTransportE transport, const char* function) {
+    CHandlerTable& table = CHandlerTable::Instance();
+    KtHandlerRef handler = table.First(transport);
+    if (handler == nullptr || !table.Remove(handler)) {
         LlcLog("<ERROR> %s :No port opened for communication\n", function);
         return RC(eVYRIX_NOT_CONNECTED);
     }
     Vyrix_ReturnStatus r = RC(eVYRIX_FAILURE);
     try {
-        r = slot->ClosePort();
+        r = handler->ClosePort();
     } catch (...) {
         // The handler goes whatever its close did.
     }
-    delete slot;
-    slot = nullptr;
     return r;
+}
+
+Vyrix_ReturnStatus CheckTransport(KtTransportE transport) {
+    KtHandlerRef handler = CHandlerTable::Instance().First(transport);
+    return handler ? handler->IsDeviceConnected() : RC(eVYRIX_FAILURE);
 }
 
 Vyrix_ReturnStatus RemoveInto(KtQueueTypeE queue, const char* function, BYTE* pDeviceID, BYTE* pPriority,
                               BYTE* pProtocolID, WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload) {
-    CCommHandler* handler = ChooseHandler(function);
+    KtHandlerRef handler = ChooseHandler(function);
     if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
     if (pDeviceID == nullptr || pPriority == nullptr || pProtocolID == nullptr || pPayloadLen == nullptr ||
         pPayload == nullptr) {
@@ -93,19 +97,19 @@ Vyrix_ReturnStatus Enumerate(Vyrix_ReturnStatus (CCommHandler::*enumerate)(unsig
     CCommHandler handler;
     return (handler.*enumerate)(count, pNumDevices, pInfo);
 }
-
-void DestroyHandler(CCommHandler*& slot) {
-    delete slot;
-    slot = nullptr;
-}
 }  // namespace
+
+void LlcDropReplies() {
+    KtHandlerRef handler = CHandlerTable::Instance().FirstOpen();
+    if (handler != nullptr) handler->DropReplies();
+}
 
 extern "C" {
 
 Vyrix_ReturnStatus KtOpenUsbPort(void) {
     try {
         Vyrix_ReturnStatus r =
-            OpenTransport(g_pUsbCommHandler, "KtOpenUsbPort", "<ERROR> %s :USB port already opened\n",
+            OpenTransport(eTRANSPORT_USB, "KtOpenUsbPort", "<ERROR> %s :USB port already opened\n",
                           "<ERROR> %s :Error opening USB port\n", [](CCommHandler& h) { return h.OpenPort(); });
         if (r == RC_OK) LlcLog("<INFO> %s :USB port opened successfully\n", "KtOpenUsbPort");
         return r;
@@ -115,14 +119,14 @@ Vyrix_ReturnStatus KtOpenUsbPort(void) {
 }
 
 static Vyrix_ReturnStatus OpenSerial(const char* function, const char* pPortName, DWORD dwBaud) {
-    return OpenTransport(g_pSerialCommHandler, function, "<ERROR> %s :Serial port already opened\n",
+    return OpenTransport(eTRANSPORT_SERIAL, function, "<ERROR> %s :Serial port already opened\n",
                          "<ERROR> %s :Error opening serial port\n",
                          [&](CCommHandler& h) { return h.OpenPort(pPortName, dwBaud); });
 }
 
 Vyrix_ReturnStatus KtOpenSerialPort(int nCom, DWORD dwBaud) {
     try {
-        if (nCom < 0 && g_pSerialCommHandler == nullptr) {
+        if (nCom < 0 && CHandlerTable::Instance().Count(eTRANSPORT_SERIAL) == 0) {
             LogStart();
             return RC(eVYRIX_INVALID_ARGUMENT);
         }
@@ -144,7 +148,7 @@ Vyrix_ReturnStatus KtOpenSerialPortByName(const char* pPortName, DWORD dwBaud) {
 
 Vyrix_ReturnStatus KtOpenBTHSocket(const char* macID, const char* passKey) {
     try {
-        return OpenTransport(g_pBTHCommHandler, "KtOpenBTHSocket", "<ERROR> %s :BTH socket already opened\n",
+        return OpenTransport(eTRANSPORT_BTH, "KtOpenBTHSocket", "<ERROR> %s :BTH socket already opened\n",
                              "<ERROR> %s :Error opening bth socket\n",
                              [&](CCommHandler& h) { return h.OpenPort(macID, passKey); });
     } catch (...) {
@@ -152,21 +156,15 @@ Vyrix_ReturnStatus KtOpenBTHSocket(const char* macID, const char* passKey) {
     }
 }
 
-Vyrix_ReturnStatus KtCheckUsbPort(void) {
-    return g_pUsbCommHandler ? g_pUsbCommHandler->IsDeviceConnected() : RC(eVYRIX_FAILURE);
-}
+Vyrix_ReturnStatus KtCheckUsbPort(void) { return CheckTransport(eTRANSPORT_USB); }
 
-Vyrix_ReturnStatus KtCheckSerialPort(void) {
-    return g_pSerialCommHandler ? g_pSerialCommHandler->IsDeviceConnected() : RC(eVYRIX_FAILURE);
-}
+Vyrix_ReturnStatus KtCheckSerialPort(void) { return CheckTransport(eTRANSPORT_SERIAL); }
 
-Vyrix_ReturnStatus KtCheckBthSocket(void) {
-    return g_pBTHCommHandler ? g_pBTHCommHandler->IsDeviceConnected() : RC(eVYRIX_FAILURE);
-}
+Vyrix_ReturnStatus KtCheckBthSocket(void) { return CheckTransport(eTRANSPORT_BTH); }
 
 Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg) {
     try {
-        CCommHandler* handler = ChooseHandler("KtSendMsg");
+        KtHandlerRef handler = ChooseHandler("KtSendMsg");
         return handler ? handler->SendMsg(sMsg) : RC(eVYRIX_NOT_CONNECTED);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
@@ -177,7 +175,7 @@ Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriori
                                  BYTE* pPayload) {
     try {
         KtXlnkMsgS record{ucSourceID, ucDeviceID, ucPriority, ucProtocolID, wPayloadLen, pPayload};
-        CCommHandler* handler = ChooseHandler("KtSendMessage");
+        KtHandlerRef handler = ChooseHandler("KtSendMessage");
         return handler ? handler->SendMsg(record) : RC(eVYRIX_NOT_CONNECTED);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
@@ -186,20 +184,12 @@ Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriori
 
 Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount) {
     try {
-        CCommHandler* handler = ChooseHandler("KtRemoveMsg");
+        KtHandlerRef handler = ChooseHandler("KtRemoveMsg");
         if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
-        Vyrix_ReturnStatus r = RC(eVYRIX_INCOMPLETE);
-        for (int attempt = 0;; ++attempt) {
-            if (pMsg != nullptr) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
-            const uint64_t seen = handler->QueuedRecords(eCONNECTION_ORIENTED);
-            r = handler->RemoveMsg(eCONNECTION_ORIENTED, pMsg);
-            if (r == RC_OK) break;
-            // The pause ends early when a reply arrives.
-            handler->WaitForRecord(eCONNECTION_ORIENTED, seen, KT_REMOVE_POLL_MS);
-            if (attempt >= retryCount) break;
-        }
-        handler->ClearRetryCache();
-        return r;
+        if (pMsg != nullptr) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
+        // retryCount + 1 periods; a reply that is there is taken at once.
+        const unsigned long periods = retryCount < 0 ? 1UL : static_cast<unsigned long>(retryCount) + 1UL;
+        return handler->WaitReply(pMsg, CDeadline::After(periods * KT_REMOVE_POLL_MS));
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -207,7 +197,7 @@ Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount) {
 
 Vyrix_ReturnStatus KtRemoveConnectionlessMsg(KtXlnkMsgS* pMsg) {
     try {
-        CCommHandler* handler = ChooseHandler("KtRemoveConnectionlessMsg");
+        KtHandlerRef handler = ChooseHandler("KtRemoveConnectionlessMsg");
         if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
         if (pMsg != nullptr && pMsg->payloadLen == 0) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
         return handler->RemoveMsg(eCONNECTIONLESS, pMsg);
@@ -238,8 +228,8 @@ Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriorit
 
 Vyrix_ReturnStatus KtCloseUsbPort(void) {
     try {
-        bool wasOpen = g_pUsbCommHandler != nullptr;
-        Vyrix_ReturnStatus r = CloseTransport(g_pUsbCommHandler, "KtCloseUsbPort");
+        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_USB) > 0;
+        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_USB, "KtCloseUsbPort");
         if (wasOpen && r == RC_OK) LlcLog("<INFO> %s :USB port closed successfully\n", "KtCloseUsbPort");
         if (wasOpen) LogEnd();
         return r;
@@ -250,8 +240,8 @@ Vyrix_ReturnStatus KtCloseUsbPort(void) {
 
 Vyrix_ReturnStatus KtCloseSerialPort(void) {
     try {
-        bool wasOpen = g_pSerialCommHandler != nullptr;
-        Vyrix_ReturnStatus r = CloseTransport(g_pSerialCommHandler, "KtCloseSerialPort");
+        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_SERIAL) > 0;
+        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_SERIAL, "KtCloseSerialPort");
         if (wasOpen) LogEnd();
         return r;
     } catch (...) {
@@ -261,8 +251,8 @@ Vyrix_ReturnStatus KtCloseSerialPort(void) {
 
 Vyrix_ReturnStatus KtCloseBTHSocket(void) {
     try {
-        bool wasOpen = g_pBTHCommHandler != nullptr;
-        Vyrix_ReturnStatus r = CloseTransport(g_pBTHCommHandler, "KtCloseBTHSocket");
+        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_BTH) > 0;
+        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_BTH, "KtCloseBTHSocket");
         if (wasOpen) LogEnd();
         return r;
     } catch (...) {
@@ -311,9 +301,7 @@ Vyrix_ReturnStatus KtEnumerateUARTDevices(unsigned int numDevicesToEnumerate, un
 
 __attribute__((destructor)) void LibraryCleanUpRoutine(void) {
     try {
-        DestroyHandler(g_pUsbCommHandler);
-        DestroyHandler(g_pSerialCommHandler);
-        DestroyHandler(g_pBTHCommHandler);
+        for (KtHandlerRef& handler : CHandlerTable::Instance().TakeAll()) handler->ClosePort();
         LogEnd();
     } catch (...) {
     }

@@ -4,6 +4,7 @@
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/rfcomm.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -23,8 +24,11 @@ constexpr int kNameSize = 249;
 constexpr char kUnknownName[] = "[unknown]";
 }  // namespace
 
-CBTPort::CBTPort()
-    : m_gRFCommSock(-1),
+CBTPort::CBTPort(const char* uniqueID, const char* passKey)
+    : m_configuredID(uniqueID != nullptr ? uniqueID : ""),
+      m_configuredKey(passKey != nullptr ? passKey : ""),
+      m_configured(uniqueID != nullptr && passKey != nullptr),
+      m_gRFCommSock(-1),
       m_bDeviceDetected(0),
       m_uniqueID(new char[kUniqueIdSize]()),
       m_passKey(nullptr),
@@ -67,7 +71,11 @@ void CBTPort::RemoveLockFile(const char* function) {
         LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
-Vyrix_ReturnStatus CBTPort::OpenPort(const char* uniqueID, const char* passKey) {
+Vyrix_ReturnStatus CBTPort::OpenPort() {
+    return m_configured ? Open(m_configuredID.c_str(), m_configuredKey.c_str()) : Open(nullptr, nullptr);
+}
+
+Vyrix_ReturnStatus CBTPort::Open(const char* uniqueID, const char* passKey) {
     if (uniqueID == nullptr || passKey == nullptr || strnlen(uniqueID, kUniqueIdSize) >= kUniqueIdSize) {
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
@@ -112,39 +120,43 @@ Vyrix_ReturnStatus CBTPort::OpenPort(const char* uniqueID, const char* passKey) 
         LlcLog("<ERROR> %s LLC_BTPort Open failure %d\n", "OpenPort", status);
         return RC(eVYRIX_FAILURE);
     }
+    // Reads and writes wait in poll, where a close can end them.
+    fcntl(m_gRFCommSock, F_SETFL, fcntl(m_gRFCommSock, F_GETFL) | O_NONBLOCK);
     LlcLog("<INFO> %s LLC_BTPort Open success\n", "OpenPort");
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CBTPort::ReadPort(unsigned char* inbuf, int* outLen) {
+Vyrix_ReturnStatus CBTPort::ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) {
     if (inbuf == nullptr || outLen == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_gRFCommSock < 0) {
         LlcLog("<ERROR> %s :  Port handle is NULL.\n", "ReadPort");
         return RC(eVYRIX_NOT_CONNECTED);
     }
-    ssize_t n = read(m_gRFCommSock, inbuf, KT_XLNK_MAX_PACKET);
-    if (n > 0) {
-        *outLen = static_cast<int>(n);
-        return RC_OK;
+    for (;;) {
+        CPortWaiter::Outcome outcome = m_waiter.Wait(m_gRFCommSock, POLLIN, deadline);
+        if (outcome == CPortWaiter::kTimeout || outcome == CPortWaiter::kWoken) return RC(eVYRIX_INCOMPLETE);
+        ssize_t n = read(m_gRFCommSock, inbuf, KT_XLNK_MAX_PACKET);
+        if (n > 0) {
+            *outLen = static_cast<int>(n);
+            return RC_OK;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
+        // End of stream or a reset: the device is gone.
+        LlcLog("<ERROR> %s :  Returns %d\n.\n", "ReadPort", 1);
+        return RC(eVYRIX_NOT_CONNECTED);
     }
-    // A time-out or a signal: the receive loop simply reads again.
-    const bool transient = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
-    LlcLog("<ERROR> %s :  Returns %d\n.\n", "ReadPort", 1);
-    // A closed stream answers at once; waiting out the receive time-out
-    // keeps the receive loop from spinning on it.
-    if (!transient) LLCSleep(KT_BTH_IO_TIMEOUT_S * 1000UL);
-    return RC(eVYRIX_FAILURE);
 }
 
-Vyrix_ReturnStatus CBTPort::WritePort(unsigned char* outbuf, unsigned short Len) {
+Vyrix_ReturnStatus CBTPort::WritePort(const unsigned char* outbuf, unsigned short Len) {
     if (outbuf == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_gRFCommSock < 0) {
         printf("Not connected\n");
         return RC(eVYRIX_NOT_CONNECTED);
     }
     // MSG_NOSIGNAL: a peer that went away must not kill the application.
-    return WriteWithRetry(
-        outbuf, Len, [this](const unsigned char* at, size_t n) { return send(m_gRFCommSock, at, n, MSG_NOSIGNAL); });
+    return WriteWithRetry(outbuf, Len, m_gRFCommSock, m_waiter, [this](const unsigned char* at, size_t n) {
+        return send(m_gRFCommSock, at, n, MSG_NOSIGNAL);
+    });
 }
 
 Vyrix_ReturnStatus CBTPort::ClosePort() {

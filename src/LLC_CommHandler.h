@@ -2,22 +2,25 @@
 // receive thread that turns incoming bytes into queued messages, the reply
 // and connectionless queues, and the resend of the last packet when the
 // device asks for it by answering to the broadcast id.
+//
+// Lifetime: whoever may still wait on a handler holds a shared reference.
+// ClosePort (or the device going away) marks both queues down, so every
+// waiter returns 0x16000000 at once, and the handler is destroyed only when
+// the last reference goes.
 #ifndef LLC_COMMHANDLER_H
 #define LLC_COMMHANDLER_H
 
-#include <pthread.h>
-
 #include <atomic>
-#include <cstdint>
-#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
 
+#include "LLC_MsgQueue.h"
 #include "LLC_Port.h"
-#include "LLC_SyncObject.h"
 #include "LLC_Thread.h"
 #include "LLC_XlnkMsgHandler.h"
 
-// The application's callback for connectionless messages; read by every
-// receive thread.
+// The application's callback for connectionless messages.
 extern std::atomic<KtEventCallbackFn> g_pfnParseEventCallbackFunction;
 
 class CCommHandler {
@@ -35,12 +38,22 @@ public:
     Vyrix_ReturnStatus IsDeviceConnected();
 
     // Encodes and writes one packet; from then on replies are accepted.
+    // 0x16000000 once the link is down.
     Vyrix_ReturnStatus SendMsg(KtXlnkMsgS sMsg);
 
     // Takes one message without waiting (0x7000000 when none is queued).
     // A reply addressed to the broadcast id makes it resend the last packet
     // and take the next reply instead.
     Vyrix_ReturnStatus RemoveMsg(KtQueueTypeE queueType, KtXlnkMsgS* pMsg);
+
+    // Waits until `deadline` for a reply (resending on the device's
+    // request), then ends the exchange as ClearRetryCache does.  0;
+    // 0x7000000 nothing came in time; 0x16000000 the link went down or is
+    // being closed.
+    Vyrix_ReturnStatus WaitReply(KtXlnkMsgS* pMsg, const CDeadline& deadline);
+
+    // Drops every queued reply at once (stale replies before a command).
+    void DropReplies();
 
     // Drops the resend copy and ends the wait for a reply.
     void ClearRetryCache();
@@ -51,38 +64,32 @@ public:
     Vyrix_ReturnStatus EnumerateUSBDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
     Vyrix_ReturnStatus EnumerateUARTDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
 
-    // How many records have been queued on a queue so far.
-    uint64_t QueuedRecords(KtQueueTypeE queueType);
-    // Waits until a record is queued after `seen` records, at most `ms`.
-    void WaitForRecord(KtQueueTypeE queueType, uint64_t seen, unsigned ms);
-
 private:
-    using Queue = std::deque<BYTE>;
-
     static int ReadThreadRoutine(void* arg);
+    void ReceiveLoop();
+    void Consume(BYTE* buf, DWORD length);
     void Deliver(const KtXlnkMsgS& sMsg);
-    Vyrix_ReturnStatus StartLink(Vyrix_ReturnStatus openResult, const char* failMessage, bool logThreadFailure);
-    Vyrix_ReturnStatus AddMsgToQueue(Queue& queue, KtXlnkMsgS sMsg);
-    Vyrix_ReturnStatus RemoveMsgFromQueue(Queue& queue, KtXlnkMsgS* pMsg);
-    void ClearMsgQ(Queue& queue);
-    Vyrix_ReturnStatus RetryLastMessage(Queue& queue, KtXlnkMsgS* pMsg);
-    Queue& Select(KtQueueTypeE queueType);
-    int IndexOf(const Queue& queue) const;
-    Vyrix_ReturnStatus CheckEnumerationArgs(unsigned* pNumDevices, void* pDeviceInfo, const char* function);
+    void LinkDown();
+    Vyrix_ReturnStatus StartLink(CPort* port, const char* failMessage, bool logThreadFailure);
+    Vyrix_ReturnStatus WriteLocked(const BYTE* packet, size_t length, const char* function);
+    Vyrix_ReturnStatus RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* pMsg);
+    CMsgQueue& Select(KtQueueTypeE queueType);
+    Vyrix_ReturnStatus Enumerate(CPort& port, unsigned count, unsigned* pNumDevices, void* pDeviceInfo,
+                                 const char* function);
 
-    CPort* m_port;
+    std::unique_ptr<CPort> m_port;
     CXlnkMsgHandler m_msgHandler;
-    CSyncObject m_syncObj;
     CThreadObject m_thread;
-    Queue m_rxMsgQ;
-    Queue m_rxMsgConnectionlessQ;
+    CMsgQueue m_rxMsgQ;
+    CMsgQueue m_rxMsgConnectionlessQ;
     std::atomic<bool> m_bConnected;
-    BYTE* m_lastPacket;
-    WORD m_LastPayloadLen;
+    std::atomic<bool> m_closing;
     std::atomic<bool> m_waitingReply;
-    // Signalled (under m_syncObj) whenever a record is queued.
-    pthread_cond_t m_recordQueued;
-    uint64_t m_queuedRecords[2];
+    bool m_dispatching;
+    // Serialises writes and guards the port's lifetime and the retry copy.
+    std::mutex m_writeLock;
+    std::vector<BYTE> m_lastPacket;
+    WORD m_LastPayloadLen;
 };
 
 #endif  // LLC_COMMHANDLER_H

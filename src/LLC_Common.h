@@ -25,16 +25,14 @@ constexpr const char* KT_LOG_FILE_NAME = "/tmp/Vyrix_SDK.log";
 constexpr const char* KT_LOG_FILE_PREFIX = "/tmp/Vyrix_SDK";
 
 // Waiting and retrying.
-constexpr unsigned KT_REMOVE_POLL_MS = 100;     // pause between reply polls
-constexpr unsigned KT_RESEND_COUNT = 11;        // resends on a broadcast-addressed reply
-constexpr unsigned KT_RESEND_SETTLE_MS = 500;   // pause after each resend
-constexpr unsigned KT_RESEND_MAX_POLLS = 1000;  // polls after each resend
+constexpr unsigned KT_REMOVE_POLL_MS = 100;      // one period of a reply wait
+constexpr unsigned KT_RESEND_COUNT = 11;         // resends on a broadcast-addressed reply
+constexpr unsigned KT_RESEND_MAX_POLLS = 1000;   // periods to wait for each resent reply
 constexpr unsigned KT_NO_RETRY_COPY_PAUSE_MS = 1000;
-constexpr unsigned KT_QUEUE_FLUSH_RECORDS = 20;  // records dropped per queue flush
-constexpr unsigned KT_THREAD_CLOSE_POLL_MS = 250;
-constexpr unsigned KT_WRITE_RETRY_MS = 25;        // serial/Bluetooth write on EAGAIN
-constexpr unsigned KT_SERIAL_READ_WAIT_MS = 100;  // longest serial read wait
-constexpr unsigned KT_BTH_IO_TIMEOUT_S = 2;
+constexpr unsigned KT_THREAD_CLOSE_POLL_MS = 250;  // "Thread still active!!" period
+constexpr unsigned KT_PACKET_GAP_MS = 200;         // silence inside a packet that abandons it
+constexpr unsigned KT_WRITE_STALL_MS = 2000;       // a write with no progress this long fails
+constexpr unsigned KT_BTH_IO_TIMEOUT_S = 2;        // Bluetooth connect
 constexpr uint8_t KT_BTH_RFCOMM_CHANNEL = 1;
 
 // USB identity and transfers.
@@ -44,7 +42,6 @@ constexpr uint8_t KT_BTH_RFCOMM_CHANNEL = 1;
 constexpr uint16_t KT_USB_PRODUCT_ID = 0x0004;
 constexpr unsigned char KT_USB_IN_EP = 0x81;
 constexpr int KT_USB_PACKET_SIZE = 64;
-constexpr unsigned KT_USB_READ_TIMEOUT_MS = 2000;
 constexpr unsigned KT_USB_WRITE_TIMEOUT_MS = 1000;
 constexpr unsigned KT_USB_CONTROL_TIMEOUT_MS = 1000;
 constexpr int KT_USB_STRING_SIZE = 255;

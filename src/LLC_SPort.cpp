@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -26,21 +25,17 @@ constexpr BaudEntry kBaudTable[] = {
     {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400}, {115200, B115200},
 };
 
-using Clock = std::chrono::steady_clock;
-
-void SleepUntil(Clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left > 0) LLCSleep(static_cast<unsigned long>(left));
-}
 }  // namespace
 
-CSPort::CSPort()
-    : m_portName(),
+CSPort::CSPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize, float fStop)
+    : m_configuredName(portName != nullptr ? portName : ""),
+      m_named(portName != nullptr),
+      m_portName(),
       m_nPortHandle(-1),
-      m_dwBaud(0),
-      m_cParity(0),
-      m_nByteSize(0),
-      m_fStop(0),
+      m_dwBaud(dwBaud),
+      m_cParity(cParity),
+      m_nByteSize(nByteSize),
+      m_fStop(fStop),
       m_lockfile_str(),
       m_oldTio(),
       m_newTio() {}
@@ -82,8 +77,12 @@ void CSPort::RemoveLockFile(const char* function) {
         LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
-Vyrix_ReturnStatus CSPort::OpenPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
-                                    float fStop) {
+Vyrix_ReturnStatus CSPort::OpenPort() {
+    return Open(m_named ? m_configuredName.c_str() : nullptr, m_dwBaud, m_cParity, m_nByteSize, m_fStop);
+}
+
+Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
+                                float fStop) {
     if (portName == nullptr) {
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
@@ -178,37 +177,35 @@ void CSPort::setControlChar() {
     cc[VEOL2] = 0;
 }
 
-Vyrix_ReturnStatus CSPort::ReadPort(unsigned char* inbuf, int* outLen) {
+Vyrix_ReturnStatus CSPort::ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) {
     if (inbuf == nullptr || outLen == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_nPortHandle < 0) {
         LlcLog("<ERROR> %s :  Port handle is NULL.\n", "ReadPort");
         return RC(eVYRIX_NOT_CONNECTED);
     }
-    // Wait for input instead of returning at once, so the receive loop does
-    // not spin; a hung-up or failing line also costs the whole wait.
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(KT_SERIAL_READ_WAIT_MS);
     for (;;) {
+        CPortWaiter::Outcome outcome = m_waiter.Wait(m_nPortHandle, POLLIN, deadline);
+        if (outcome == CPortWaiter::kTimeout || outcome == CPortWaiter::kWoken) return RC(eVYRIX_INCOMPLETE);
         ssize_t n = read(m_nPortHandle, inbuf, KT_XLNK_MAX_PACKET);
         if (n > 0) {
             *outLen = static_cast<int>(n);
             return RC_OK;
         }
-        if (n == 0 || (errno != EAGAIN && errno != EINTR)) break;
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return RC(eVYRIX_FAILURE);
-        struct pollfd pfd = {m_nPortHandle, POLLIN, 0};
-        int ready = poll(&pfd, 1, static_cast<int>(left));
-        if (ready > 0 && !(pfd.revents & POLLIN)) break;  // hang-up or error
+        // A hung-up line reads as end of file or EIO.
+        if (n == 0 || (errno != EAGAIN && errno != EINTR)) return RC(eVYRIX_NOT_CONNECTED);
     }
-    SleepUntil(deadline);
-    return RC(eVYRIX_FAILURE);
 }
 
-Vyrix_ReturnStatus CSPort::WritePort(unsigned char* outbuf, unsigned short Len) {
+Vyrix_ReturnStatus CSPort::WritePort(const unsigned char* outbuf, unsigned short Len) {
     if (outbuf == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_nPortHandle < 0) return RC(eVYRIX_NOT_CONNECTED);
-    return WriteWithRetry(outbuf, Len,
+    return WriteWithRetry(outbuf, Len, m_nPortHandle, m_waiter,
                           [this](const unsigned char* at, size_t n) { return write(m_nPortHandle, at, n); });
+}
+
+Vyrix_ReturnStatus CSPort::EnumerateDevices(unsigned int /*numDevicesToEnumerate*/, unsigned int* /*pNumDevices*/,
+                                            void* /*pDeviceInfo*/) {
+    return RC_OK;
 }
 
 Vyrix_ReturnStatus CSPort::ClosePort() {

@@ -4,25 +4,34 @@
 
 #include <termios.h>
 
+#include <string>
+
 #include "LLC_Port.h"
+#include "LLC_PortWaiter.h"
 #include "LLC_Utility.h"
 
 enum parity { parity_none = 0, parity_odd = 1, parity_even = 2 };
 
 class CSPort : public CPort {
 public:
-    CSPort();
+    // The device path and line settings the port will open with (no port
+    // name: a port that only lists devices).
+    explicit CSPort(const char* portName = nullptr, unsigned long dwBaud = KT_VYRIX_BAUDRATE, char cParity = 'n',
+                    int nByteSize = 8, float fStop = 1.0f);
     ~CSPort() override;
+    CSPort(const CSPort&) = delete;
+    CSPort& operator=(const CSPort&) = delete;
 
-    using CPort::OpenPort;
     // 0; 0x5000000 null or over-long name; 0x18000000 open already;
     // 0x16000000 lock file present; 0x1000000 the device cannot be opened.
-    Vyrix_ReturnStatus OpenPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
-                                float fStop) override;
+    Vyrix_ReturnStatus OpenPort() override;
     Vyrix_ReturnStatus ClosePort() override;
-    // Waits at most 100 ms for input; 0x1000000 when none came.
-    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen) override;
-    Vyrix_ReturnStatus WritePort(unsigned char* outbuf, unsigned short Len) override;
+    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) override;
+    Vyrix_ReturnStatus WritePort(const unsigned char* outbuf, unsigned short Len) override;
+    // Lists nothing: 0 without writing.
+    Vyrix_ReturnStatus EnumerateDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                        void* pDeviceInfo) override;
+    void CancelRead() override { m_waiter.Wake(); }
 
     // Builds the lock name for a device path into `out` (128 bytes); false
     // when it would not fit.
@@ -37,16 +46,20 @@ public:
     const char* LockFileName() const { return m_lockfile_str; }
 
 private:
+    Vyrix_ReturnStatus Open(const char* portName, unsigned long dwBaud, char cParity, int nByteSize, float fStop);
     Vyrix_ReturnStatus CreateLockFile();
     void RemoveLockFile(const char* function);
 
+    // As constructed; a null name stays null.
+    std::string m_configuredName;
+    bool m_named;
     char m_portName[100];
     int m_nPortHandle;
-    // Declared line settings: the settings go straight into m_newTio.
-    [[maybe_unused]] int m_dwBaud;
-    [[maybe_unused]] char m_cParity;
-    [[maybe_unused]] int m_nByteSize;
-    [[maybe_unused]] float m_fStop;
+    unsigned long m_dwBaud;
+    char m_cParity;
+    int m_nByteSize;
+    float m_fStop;
+    CPortWaiter m_waiter;
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
     LockIdentity m_lockIdentity;
     termios m_oldTio;

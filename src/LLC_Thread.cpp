@@ -1,61 +1,65 @@
 #include "LLC_Thread.h"
 
+#include <chrono>
+
 CThreadObject::CThreadObject()
-    : m_threadID(0), m_userRoutine(nullptr), m_userData(nullptr), m_thread_attr(), m_thread_active(false) {}
+    : m_threadID(), m_started(false), m_userRoutine(nullptr), m_userData(nullptr), m_thread_active(false) {}
 
 CThreadObject::~CThreadObject() {
-    if (m_threadID != 0) CloseThread();
+    if (m_started) CloseThread();
 }
 
 Vyrix_ReturnStatus CThreadObject::createThread(KT_THREAD_ROUTINE userProcess, void* userData) {
     if (userProcess == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
-    if (m_threadID != 0) return RC(eVYRIX_FAILURE);
+    if (m_started) return RC(eVYRIX_FAILURE);
     m_userRoutine = userProcess;
     m_userData = userData;
-
-    int err = pthread_attr_init(&m_thread_attr);
-    if (err != 0) {
-        LlcLog("<ERROR> %s: pthread attributes init failed. %d\n", "createThread", err);
-        return RC(eVYRIX_FAILURE);
+    {
+        // Set before the thread exists, so a worker that returns at once
+        // cannot leave it set.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_thread_active = true;
     }
-    err = pthread_attr_setdetachstate(&m_thread_attr, PTHREAD_CREATE_DETACHED);
+    int err = pthread_create(&m_threadID, nullptr, threadRoutine, this);
     if (err != 0) {
-        LlcLog("<ERROR> %s: Error setting thread attributes. %d\n", "createThread", err);
-        pthread_attr_destroy(&m_thread_attr);
-        return RC(eVYRIX_FAILURE);
-    }
-    // Set before the thread exists, so a worker that returns at once cannot
-    // leave it set.
-    m_thread_active = true;
-    err = pthread_create(&m_threadID, &m_thread_attr, threadRoutine, this);
-    if (err != 0) {
+        std::lock_guard<std::mutex> lock(m_mutex);
         m_thread_active = false;
-        m_threadID = 0;
-        pthread_attr_destroy(&m_thread_attr);
         LlcLog("<ERROR> %s: Error Creating Thread. %d\n", "createThread", err);
         return RC(eVYRIX_FAILURE);
     }
+    m_started = true;
     return RC_OK;
 }
 
 void* CThreadObject::threadRoutine(void* arg) {
     auto* self = static_cast<CThreadObject*>(arg);
     self->m_userRoutine(self->m_userData);
-    // The owner may destroy this object as soon as the flag drops: touch
-    // nothing of it afterwards.
-    self->m_thread_active = false;
+    {
+        std::lock_guard<std::mutex> lock(self->m_mutex);
+        self->m_thread_active = false;
+    }
+    self->m_ended.notify_all();
     return nullptr;
 }
 
 Vyrix_ReturnStatus CThreadObject::CloseThread() {
-    if (m_threadID != 0) {
-        while (m_thread_active) {
+    if (!m_started) return RC_OK;
+    if (IsCurrent()) return RC(eVYRIX_FAILURE);
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_ended.wait_for(lock, std::chrono::milliseconds(KT_THREAD_CLOSE_POLL_MS),
+                                 [this] { return !m_thread_active; }))
             LlcLog("<ERROR> %s: Thread still active!!\n", "CloseThread");
-            LLCSleep(KT_THREAD_CLOSE_POLL_MS);
-        }
-        int err = pthread_attr_destroy(&m_thread_attr);
-        if (err != 0) LlcLog("<ERROR> %s: Error deleting thread attributes. %d\n", "CloseThread", err);
     }
-    m_threadID = 0;
+    int err = pthread_join(m_threadID, nullptr);
+    if (err != 0) LlcLog("<ERROR> %s: Error joining thread. %d\n", "CloseThread", err);
+    m_started = false;
     return RC_OK;
 }
+
+bool CThreadObject::IsActive() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_thread_active;
+}
+
+bool CThreadObject::IsCurrent() const { return m_started && pthread_equal(m_threadID, pthread_self()); }

@@ -1,10 +1,12 @@
-// One detached worker thread whose owner can wait until it has returned.
+// One worker thread whose owner waits until it has returned and then
+// reclaims it.
 #ifndef LLC_THREAD_H
 #define LLC_THREAD_H
 
 #include <pthread.h>
 
-#include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 #include "LLC_Common.h"
 
@@ -21,20 +23,25 @@ public:
     // already or cannot be made.
     Vyrix_ReturnStatus createThread(KT_THREAD_ROUTINE userProcess, void* userData);
 
-    // Waits (polling every 250 ms) until the worker has returned.  It does
-    // not stop the worker: the owner ends its loop first.
+    // Waits until the worker has returned, then joins it.  It does not stop
+    // the worker: the owner ends its loop first.  "Thread still active!!" is
+    // logged each time 250 ms pass without the worker ending.
     Vyrix_ReturnStatus CloseThread();
 
-    bool IsActive() const { return m_thread_active.load(); }
+    bool IsActive();
+    // True when called on the worker itself (which cannot wait for itself).
+    bool IsCurrent() const;
 
 private:
     static void* threadRoutine(void* arg);
 
     pthread_t m_threadID;
+    bool m_started;
     KT_THREAD_ROUTINE m_userRoutine;
     void* m_userData;
-    pthread_attr_t m_thread_attr;
-    std::atomic<bool> m_thread_active;
+    std::mutex m_mutex;
+    std::condition_variable m_ended;
+    bool m_thread_active;
 };
 
 #endif  // LLC_THREAD_H

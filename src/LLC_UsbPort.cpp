@@ -47,10 +47,17 @@ CUsbPort::CUsbPort()
       m_bus_num(0),
       m_dev_addr(0),
       m_lockfile_str(),
-      m_claimed_interface(false) {}
+      m_claimed_interface(false),
+      m_readTransfer(nullptr),
+      m_readBuf(),
+      m_readPending(false),
+      m_readDone(0),
+      m_readFinished(false),
+      m_cancelled(false) {}
 
 CUsbPort::~CUsbPort() {
     if (m_vyrixHandle != nullptr) ClosePort();
+    StopRead();
     // A close that failed left the handle open: release it all the same.
     if (m_vyrixHandle != nullptr) libusb_close(m_vyrixHandle);
     if (m_ctx != nullptr) libusb_exit(m_ctx);
@@ -155,7 +162,57 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CUsbPort::ReadPort(unsigned char* inbuf, int* outLen) {
+void LIBUSB_CALL CUsbPort::ReadDone(libusb_transfer* transfer) {
+    auto* self = static_cast<CUsbPort*>(transfer->user_data);
+    self->m_readDone = 1;  // for libusb's own loop
+    self->m_readFinished = true;
+}
+
+Vyrix_ReturnStatus CUsbPort::SubmitRead() {
+    if (m_readTransfer == nullptr) m_readTransfer = libusb_alloc_transfer(0);
+    if (m_readTransfer == nullptr) return RC(eVYRIX_FAILURE);
+    // No transfer time-out: the caller's deadline bounds each wait instead.
+    libusb_fill_interrupt_transfer(m_readTransfer, m_vyrixHandle, KT_USB_IN_EP, m_readBuf, KT_USB_PACKET_SIZE, ReadDone,
+                                   this, 0);
+    m_readDone = 0;
+    m_readFinished = false;
+    int err = libusb_submit_transfer(m_readTransfer);
+    if (err != 0) return MapTransferError(err);
+    m_readPending = true;
+    return RC_OK;
+}
+
+void CUsbPort::AwaitRead(const CDeadline& deadline) {
+    constexpr long kLongestWaitS = 3600;
+    while (!m_readFinished.load() && !m_cancelled.load() && !deadline.Expired()) {
+        long ms = deadline.IsNever() ? kLongestWaitS * 1000 : deadline.PollTimeout();
+        struct timeval tv = {ms / 1000, (ms % 1000) * 1000};
+        int err = libusb_handle_events_timeout_completed(m_ctx, &tv, &m_readDone);
+        if (err != 0 && err != LIBUSB_ERROR_INTERRUPTED) break;
+    }
+}
+
+// Cancels a transfer still in flight and waits for libusb to give it back.
+// One that does not come back in time is left to libusb rather than freed
+// under it.
+void CUsbPort::StopRead() {
+    if (m_readPending && m_readTransfer != nullptr) {
+        libusb_cancel_transfer(m_readTransfer);
+        const CDeadline deadline = CDeadline::After(KT_USB_WRITE_TIMEOUT_MS);
+        while (!m_readFinished.load() && !deadline.Expired()) {
+            const long ms = deadline.PollTimeout();
+            struct timeval tv = {ms / 1000, (ms % 1000) * 1000};
+            int err = libusb_handle_events_timeout_completed(m_ctx, &tv, &m_readDone);
+            if (err != 0 && err != LIBUSB_ERROR_INTERRUPTED) break;
+        }
+        m_readPending = false;
+        if (!m_readFinished.load()) m_readTransfer = nullptr;
+    }
+    if (m_readTransfer != nullptr) libusb_free_transfer(m_readTransfer);
+    m_readTransfer = nullptr;
+}
+
+Vyrix_ReturnStatus CUsbPort::ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) {
     if (inbuf == nullptr || outLen == nullptr) {
         LlcLog("<ERROR> %s: Invalid Arguments.\n", "ReadPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
@@ -164,19 +221,35 @@ Vyrix_ReturnStatus CUsbPort::ReadPort(unsigned char* inbuf, int* outLen) {
         LlcLog("<ERROR> %s: Uninitialised usb interface\n", "ReadPort");
         return RC(eVYRIX_FAILURE);
     }
-    unsigned char buf[KT_USB_PACKET_SIZE] = {0};
-    int transferred = 0;
-    int err = libusb_interrupt_transfer(m_vyrixHandle, KT_USB_IN_EP, buf, KT_USB_PACKET_SIZE, &transferred,
-                                        KT_USB_READ_TIMEOUT_MS);
-    if (err != 0) return MapTransferError(err);
+    if (m_cancelled.load()) return RC(eVYRIX_INCOMPLETE);
+    if (!m_readPending) {
+        Vyrix_ReturnStatus r = SubmitRead();
+        if (r != RC_OK) return r;
+    }
+    AwaitRead(deadline);
+    if (!m_readFinished.load()) return RC(eVYRIX_INCOMPLETE);
+    m_readPending = false;
+    switch (m_readTransfer->status) {
+        case LIBUSB_TRANSFER_COMPLETED: break;
+        case LIBUSB_TRANSFER_NO_DEVICE: return RC(eVYRIX_NOT_CONNECTED);
+        case LIBUSB_TRANSFER_TIMED_OUT:
+        case LIBUSB_TRANSFER_CANCELLED: return RC(eVYRIX_INCOMPLETE);
+        default: return RC(eVYRIX_FAILURE);
+    }
+    int transferred = m_readTransfer->actual_length;
     if (transferred > KT_USB_PACKET_SIZE) transferred = KT_USB_PACKET_SIZE;
-    memcpy(inbuf, buf, static_cast<size_t>(transferred));
+    memcpy(inbuf, m_readBuf, static_cast<size_t>(transferred));
     *outLen = transferred;
     LlcLog("<INFO> %s: Read '%d' bytes from Vyrix device\n", "ReadPort", transferred);
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CUsbPort::WritePort(unsigned char* outbuf, unsigned short Len) {
+void CUsbPort::CancelRead() {
+    m_cancelled = true;
+    if (m_ctx != nullptr) libusb_interrupt_event_handler(m_ctx);
+}
+
+Vyrix_ReturnStatus CUsbPort::WritePort(const unsigned char* outbuf, unsigned short Len) {
     if (outbuf == nullptr || Len == 0) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_vyrixHandle == nullptr) {
         LlcLog("<ERROR> %s: Uninitialised usb interface\n", "WritePort");
@@ -203,6 +276,7 @@ Vyrix_ReturnStatus CUsbPort::WritePort(unsigned char* outbuf, unsigned short Len
 }
 
 Vyrix_ReturnStatus CUsbPort::ClosePort() {
+    StopRead();
     if (m_vyrixHandle != nullptr) {
         LlcLog("<INFO> %s: Usb Close Port.\n", "ClosePort");
         RemoveLockFile();

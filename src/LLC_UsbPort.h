@@ -22,16 +22,17 @@ public:
     CUsbPort(const CUsbPort&) = delete;
     CUsbPort& operator=(const CUsbPort&) = delete;
 
-    using CPort::OpenPort;
     // 0; 0x18000000 open already; 0x16000000 no free matching device (or
     // its configuration lacks interfaces or an OUT endpoint); 0x1000000
     // libusb, open or claim failure.
     Vyrix_ReturnStatus OpenPort() override;
     Vyrix_ReturnStatus ClosePort() override;
-    // At most 64 bytes; blocks up to 2 s (then 0x3000000).
-    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen) override;
+    // At most 64 bytes.  The IN transfer stays submitted across a deadline,
+    // so nothing the device sends is lost between reads.
+    Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) override;
     // 64-byte transfers, zero-padded; 1 s time-out each.
-    Vyrix_ReturnStatus WritePort(unsigned char* outbuf, unsigned short Len) override;
+    Vyrix_ReturnStatus WritePort(const unsigned char* outbuf, unsigned short Len) override;
+    void CancelRead() override;
     Vyrix_ReturnStatus EnumerateDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
                                         void* pDeviceInfo) override;
 
@@ -48,6 +49,12 @@ private:
     bool ListDevices(const char* function, libusb_device*** list, ssize_t* count);
     Vyrix_ReturnStatus CreateLockFile();
     void RemoveLockFile();
+    static void LIBUSB_CALL ReadDone(libusb_transfer* transfer);
+    Vyrix_ReturnStatus SubmitRead();
+    // Runs libusb's events until the IN transfer completes, the deadline
+    // passes or CancelRead is called.
+    void AwaitRead(const CDeadline& deadline);
+    void StopRead();
     Vyrix_ReturnStatus FailOpen(libusb_device** list, Vyrix_ReturnStatus result);
     void FillRecord(libusb_device* dev, const libusb_device_descriptor& desc, Vyrix_EnumerateUSBInfo& record);
 
@@ -59,6 +66,12 @@ private:
     BYTE m_lockfile_str[KT_LOCK_NAME_SIZE];
     LockIdentity m_lockIdentity;
     bool m_claimed_interface;
+    libusb_transfer* m_readTransfer;
+    unsigned char m_readBuf[KT_USB_PACKET_SIZE];
+    bool m_readPending;
+    int m_readDone;  // libusb's completion flag for the IN transfer
+    std::atomic<bool> m_readFinished;
+    std::atomic<bool> m_cancelled;
 };
 
 #endif  // LLC_USBPORT_H

@@ -6,6 +6,9 @@
 #include <cstddef>
 
 #include "LLC_Common.h"
+#include "LLC_PortWaiter.h"
+
+#include <poll.h>
 
 #include <sys/types.h>
 #include <time.h>
@@ -27,23 +30,33 @@ bool CreateExclusiveLockFile(const char* name, int* pOpenResult, LockIdentity* i
 // name was held but the file could not be deleted or is no longer ours.
 bool ReleaseLockFile(char* lockName, const LockIdentity& identity);
 
-// Writes all `len` bytes with `write` (a write(2)-like call); on EBUSY or
-// EAGAIN it logs, waits 25 ms and writes the rest again, without limit.
-// 0, or 0x1000000 after logging any other failure.
+// Writes all `len` bytes with `write` (a write(2)-like call on the
+// non-blocking descriptor `fd`), waiting in `waiter` while the device does
+// not take more.  0; 0x1000000 after logging any other failure or when no
+// byte went out for KT_WRITE_STALL_MS; 0x16000000 when the other end hung up
+// or the port is being closed.
 template <typename WriteFn>
-Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, WriteFn write) {
+Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, int fd, CPortWaiter& waiter, WriteFn write) {
     size_t done = 0;
+    bool told = false;
+    CDeadline stall = CDeadline::After(KT_WRITE_STALL_MS);
     while (done < len) {
         ssize_t n = write(buf + done, len - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
-        } else if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
-            LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
-            LLCSleep(KT_WRITE_RETRY_MS);
-        } else {
-            LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
-            return RC(eVYRIX_FAILURE);
+            stall = CDeadline::After(KT_WRITE_STALL_MS);
+            continue;
         }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EBUSY || errno == EAGAIN)) {
+            if (!told) LlcLog("<INFO> %s: Resource is temporarily unavailable\n", "WritePort");
+            told = true;
+            CPortWaiter::Outcome outcome = waiter.Wait(fd, POLLOUT, stall);
+            if (outcome == CPortWaiter::kReady) continue;
+            if (outcome != CPortWaiter::kTimeout) return RC(eVYRIX_NOT_CONNECTED);
+        }
+        LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
+        return RC(eVYRIX_FAILURE);
     }
     return RC_OK;
 }

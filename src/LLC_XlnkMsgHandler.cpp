@@ -16,7 +16,10 @@ CXlnkMsgHandler::CXlnkMsgHandler()
       m_BufIdx(0),
       m_payLoadIdx(0),
       m_checkSum(0),
-      m_currMsg() {
+      m_currMsg(),
+      m_header(),
+      m_headerLen(0),
+      m_replayAt(0) {
     InitParser();
 }
 
@@ -83,19 +86,68 @@ Vyrix_ReturnStatus CXlnkMsgHandler::EncodePacket(KtXlnkMsgS sMsg, BYTE* outBuf) 
     return RC_OK;
 }
 
-bool CXlnkMsgHandler::SeekStart() {
-    InitParser();
-    while (m_BufIdx < m_TotalBytes) {
-        if (m_pBuf[m_BufIdx++] == KT_XLNK_START_BYTE) {
-            m_ParseState = ePARSE_HEADER;
-            m_RemBytes = kHeaderBytes;
-            return true;
-        }
+const BYTE* CXlnkMsgHandler::Available(DWORD* count) const {
+    if (m_replayAt < m_replay.size()) {
+        *count = static_cast<DWORD>(m_replay.size() - m_replayAt);
+        return m_replay.data() + m_replayAt;
     }
-    return false;
+    *count = m_TotalBytes - m_BufIdx;
+    return m_pBuf + m_BufIdx;
+}
+
+void CXlnkMsgHandler::Advance(DWORD count) {
+    if (m_replayAt < m_replay.size()) {
+        m_replayAt += count;
+        if (m_replayAt == m_replay.size()) {
+            m_replay.clear();
+            m_replayAt = 0;
+        }
+        return;
+    }
+    m_BufIdx += count;
+}
+
+void CXlnkMsgHandler::StartPacket() {
+    InitParser();
+    m_ParseState = ePARSE_HEADER;
+    m_RemBytes = 4;
+    m_headerLen = 0;
+}
+
+bool CXlnkMsgHandler::SeekStart() {
+    DWORD count = 0;
+    const BYTE* at = Available(&count);
+    const void* start = memchr(at, KT_XLNK_START_BYTE, count);
+    if (start == nullptr) {
+        Advance(count);
+        return false;
+    }
+    Advance(static_cast<DWORD>(static_cast<const BYTE*>(start) - at) + 1);
+    StartPacket();
+    return true;
+}
+
+void CXlnkMsgHandler::AbandonPacket() {
+    if (m_ParseState != ePARSE_START) Resume(nullptr, 0);
+}
+
+void CXlnkMsgHandler::Resume(const BYTE* tail, DWORD tailLen) {
+    // Everything after the start byte, in arrival order, then whatever was
+    // still held back.
+    std::vector<BYTE> again(m_header, m_header + m_headerLen);
+    if (m_currMsg.pPayload != nullptr) again.insert(again.end(), m_currMsg.pPayload, m_currMsg.pPayload + m_payLoadIdx);
+    again.insert(again.end(), tail, tail + tailLen);
+    again.insert(again.end(), m_replay.begin() + static_cast<std::ptrdiff_t>(m_replayAt), m_replay.end());
+    m_replay.swap(again);
+    m_replayAt = 0;
+    ReleasePayload();
+    m_headerLen = 0;
+    m_ParseState = ePARSE_START;
+    m_RemBytes = kSeekRemBytes;
 }
 
 CXlnkMsgHandler::HeaderByte CXlnkMsgHandler::TakeHeaderByte(BYTE byte) {
+    m_header[m_headerLen++] = byte;
     m_checkSum = static_cast<BYTE>(m_checkSum - byte);
     switch (m_RemBytes) {
         case 4:
@@ -134,41 +186,39 @@ CXlnkMsgHandler::HeaderByte CXlnkMsgHandler::TakeHeaderByte(BYTE byte) {
 }
 
 Vyrix_ReturnStatus CXlnkMsgHandler::ParseHeader() {
-    while (m_BufIdx < m_TotalBytes) {
-        HeaderByte outcome = TakeHeaderByte(m_pBuf[m_BufIdx]);
-        ++m_BufIdx;
-        if (outcome == HeaderByte::kComplete) {
-            m_ParseState = ePARSE_PAYLOAD;
-            m_payLoadIdx = 0;
-            m_RemBytes = m_currMsg.payloadLen;
-            return RC_OK;
-        }
+    DWORD count = 0;
+    const BYTE* at = Available(&count);
+    for (DWORD i = 0; i < count; ++i) {
+        HeaderByte outcome = TakeHeaderByte(at[i]);
+        if (outcome == HeaderByte::kAccepted) continue;
+        Advance(i + 1);
         if (outcome == HeaderByte::kRejected) {
             LlcLog("<ERROR> %s :Valid header not found in buffer\n", "ParseHeader");
-            m_ParseState = ePARSE_START;
-            m_RemBytes = kSeekRemBytes;
+            Resume(nullptr, 0);
             return RC(eVYRIX_FAILURE);
         }
+        m_ParseState = ePARSE_PAYLOAD;
+        m_payLoadIdx = 0;
+        m_RemBytes = m_currMsg.payloadLen;
+        return RC_OK;
     }
-    LlcLog("<INFO> %s :Header not completely present in the current buffer\n", "ParseHeader");
+    Advance(count);
     return RC(eVYRIX_FAILURE);
 }
 
 Vyrix_ReturnStatus CXlnkMsgHandler::ParsePayload() {
     if (m_currMsg.pPayload == nullptr && m_currMsg.payloadLen > 0) m_currMsg.pPayload = new BYTE[m_currMsg.payloadLen];
-    DWORD available = m_TotalBytes - m_BufIdx;
-    DWORD take = m_RemBytes < available ? m_RemBytes : available;
+    DWORD count = 0;
+    const BYTE* at = Available(&count);
+    DWORD take = m_RemBytes < count ? m_RemBytes : count;
     if (take > 0) {
-        memcpy(m_currMsg.pPayload + m_payLoadIdx, m_pBuf + m_BufIdx, take);
-        FindChecksum(m_pBuf + m_BufIdx, take, &m_checkSum);
+        memcpy(m_currMsg.pPayload + m_payLoadIdx, at, take);
+        FindChecksum(m_currMsg.pPayload + m_payLoadIdx, take, &m_checkSum);
         m_payLoadIdx += take;
-        m_BufIdx += take;
         m_RemBytes -= take;
+        Advance(take);
     }
-    if (m_RemBytes > 0) {
-        LlcLog("<INFO> %s :Payload not completely present in the current buffer\n", "ParsePayload");
-        return RC(eVYRIX_FAILURE);
-    }
+    if (m_RemBytes > 0) return RC(eVYRIX_FAILURE);
     m_ParseState = ePARSE_CHECKSUM;
     m_RemBytes = 1;
     return RC_OK;
@@ -179,33 +229,35 @@ Vyrix_ReturnStatus CXlnkMsgHandler::ParsePacket(BYTE* inBuf, DWORD dwNumBytes, K
     m_pBuf = inBuf;
     m_TotalBytes = dwNumBytes;
     m_BufIdx = 0;
-    Vyrix_ReturnStatus result = RC(eVYRIX_FAILURE);
     for (;;) {
+        DWORD count = 0;
+        Available(&count);
+        if (count == 0) {
+            if (m_ParseState == ePARSE_HEADER)
+                LlcLog("<INFO> %s :Header not completely present in the current buffer\n", "ParseHeader");
+            if (m_ParseState == ePARSE_PAYLOAD)
+                LlcLog("<INFO> %s :Payload not completely present in the current buffer\n", "ParsePayload");
+            return RC(eVYRIX_FAILURE);
+        }
         switch (m_ParseState) {
-            case ePARSE_START:
-                if (!SeekStart()) return result;
-                break;
-            case ePARSE_HEADER:
-                // A rejected header goes back to seeking, from the next byte.
-                if (ParseHeader() != RC_OK && m_ParseState == ePARSE_HEADER) return result;
-                break;
-            case ePARSE_PAYLOAD:
-                if (ParsePayload() != RC_OK) return result;
-                break;
+            case ePARSE_START: SeekStart(); break;
+            case ePARSE_HEADER: ParseHeader(); break;
+            case ePARSE_PAYLOAD: ParsePayload(); break;
             case ePARSE_CHECKSUM: {
-                if (m_BufIdx >= m_TotalBytes) return result;
-                BYTE received = m_pBuf[m_BufIdx++];
-                m_ParseState = ePARSE_START;
-                m_RemBytes = kSeekRemBytes;
+                const BYTE received = *Available(&count);
+                Advance(1);
                 if (received != m_checkSum) {
-                    // Never deliver a damaged packet; look for the next one.
+                    // Never deliver a damaged packet; search its bytes again.
                     LlcLog("<ERROR> %s :Invalid checksum in buffer\n", "ParsePacket");
-                    ReleasePayload();
+                    Resume(&received, 1);
                     break;
                 }
                 *pMsg = m_currMsg;
                 if (pMsg->deviceID == eBROADCAST_DEVICE_ID) pMsg->protocolID = ePROTOCOL_CONNECTION_ORIENTED;
                 m_currMsg.pPayload = nullptr;  // now the receiver's
+                m_ParseState = ePARSE_START;
+                m_RemBytes = kSeekRemBytes;
+                m_headerLen = 0;
                 return RC_OK;
             }
         }

@@ -2,8 +2,15 @@
 // a port reads.  A packet: 0xC0, destination, source, protocol and length
 // bits 11..8, length bits 7..0, payload, checksum (two's complement of the
 // byte sum from the destination to the last payload byte).
+//
+// The parser never loses a packet to a false start: when a started packet
+// is abandoned (a rejected header byte, a checksum mismatch, or the receive
+// loop giving up on a silent line), parsing resumes at the byte after that
+// packet's start byte, so a real packet that began inside it is still found.
 #ifndef LLC_XLNKMSGHANDLER_H
 #define LLC_XLNKMSGHANDLER_H
+
+#include <vector>
 
 #include "LLC_Common.h"
 
@@ -28,13 +35,17 @@ public:
     // Nothing is written unless every check passes.
     Vyrix_ReturnStatus EncodePacket(KtXlnkMsgS sMsg, BYTE* outBuf);
 
-    // Consumes a chunk.  0: one packet accepted into *pMsg (its payload is
-    // the receiver's to free with delete[]); the rest of the chunk is not
-    // looked at.  0x1000000: the chunk ended before a packet was complete
-    // (the state carries over), or a packet failed its checksum.  0x5000000
-    // for null arguments.
+    // Consumes bytes of a chunk (after any bytes held back for a resumed
+    // search).  0: one packet accepted into *pMsg (its payload is the
+    // receiver's to free with delete[]); ConsumedBytes() tells how much of
+    // the chunk was used, and the caller passes the rest (possibly none:
+    // held-back bytes may hold more packets) until a call returns non-zero.
+    // 0x1000000: everything was used and no packet is complete (the state
+    // carries over).  0x5000000 for null arguments.
     Vyrix_ReturnStatus ParsePacket(BYTE* inBuf, DWORD dwNumBytes, KtXlnkMsgS* pMsg);
 
+    // Steps for the header and payload states on the bytes at hand; 0 when
+    // their part is complete, 0x1000000 otherwise.
     Vyrix_ReturnStatus ParseHeader();
     Vyrix_ReturnStatus ParsePayload();
 
@@ -42,13 +53,25 @@ public:
     Vyrix_ReturnStatus FindChecksum(BYTE* inBuf, DWORD inBufLen, BYTE* checksum);
 
     KtParseStateE State() const { return m_ParseState; }
-    // Bytes of the last chunk that the last ParsePacket call looked at.
+    // Bytes of the last chunk that the last ParsePacket call used.
     DWORD ConsumedBytes() const { return m_BufIdx; }
+    // A packet has started and is not complete yet.
+    bool InPacket() const { return m_ParseState != ePARSE_START; }
+    // Gives up the started packet (the line went quiet inside it): the
+    // bytes after its start byte are searched again by the next call.
+    void AbandonPacket();
 
 private:
     enum class HeaderByte { kAccepted, kComplete, kRejected };
     HeaderByte TakeHeaderByte(BYTE byte);
+    // The bytes to parse next: held-back bytes first, then the chunk.
+    const BYTE* Available(DWORD* count) const;
+    void Advance(DWORD count);
     bool SeekStart();
+    void StartPacket();
+    // Back to seeking a start, with the started packet's bytes after its
+    // start byte (and `tail`) to be searched first.
+    void Resume(const BYTE* tail, DWORD tailLen);
     void ReleasePayload();
 
     KtParseStateE m_ParseState;
@@ -59,6 +82,13 @@ private:
     DWORD m_payLoadIdx;
     BYTE m_checkSum;
     KtXlnkMsgS m_currMsg;
+    // The started packet's header bytes after the start byte, kept so they
+    // can be searched again.
+    BYTE m_header[4];
+    DWORD m_headerLen;
+    // Bytes of an abandoned packet waiting to be searched again.
+    std::vector<BYTE> m_replay;
+    size_t m_replayAt;
 };
 
 #endif  // LLC_XLNKMSGHANDLER_H

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <thread>
 #include <vector>
 
 #include "LLC_SPort.h"
@@ -17,9 +18,8 @@ using vt::PtyPair;
 
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 
-Vyrix_ReturnStatus OpenLine(CSPort& port, const std::string& path) {
-    return port.OpenPort(path.c_str(), 57600, 'n', 8, 1.0f);
-}
+// A read deadline no healthy test reaches.
+CDeadline Soon() { return CDeadline::After(5000); }
 
 std::vector<uint8_t> ReadAvailable(int fd, size_t want) {
     std::vector<uint8_t> got;
@@ -45,8 +45,8 @@ protected:
 };
 
 TEST_F(Serial, OpenSetsTheLineUpRaw57600_8N1) {
-    CSPort port;
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
     termios tio{};
     ASSERT_EQ(tcgetattr(pty.Slave(), &tio), 0);
     EXPECT_EQ(cfgetospeed(&tio), static_cast<speed_t>(B57600));
@@ -63,8 +63,8 @@ TEST_F(Serial, OpenSetsTheLineUpRaw57600_8N1) {
 }
 
 TEST_F(Serial, BytesBothWaysIncludingEveryByteValue) {
-    CSPort port;
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
     std::vector<uint8_t> all(256);
     for (int i = 0; i < 256; ++i) all[i] = static_cast<uint8_t>(i);
     ASSERT_EQ(port.WritePort(all.data(), static_cast<unsigned short>(all.size())), kOk);
@@ -75,7 +75,7 @@ TEST_F(Serial, BytesBothWaysIncludingEveryByteValue) {
     std::vector<uint8_t> buf(4101);
     while (got.size() < all.size()) {
         int n = 0;
-        ASSERT_EQ(port.ReadPort(buf.data(), &n), kOk);
+        ASSERT_EQ(port.ReadPort(buf.data(), &n, Soon()), kOk);
         got.insert(got.end(), buf.begin(), buf.begin() + n);
     }
     EXPECT_EQ(got, all);
@@ -83,22 +83,22 @@ TEST_F(Serial, BytesBothWaysIncludingEveryByteValue) {
 
 TEST_F(Serial, LockFileLivesExactlyAsLongAsThePort) {
     {
-        CSPort port;
-        ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+        CSPort port(pty.Path().c_str());
+        ASSERT_EQ(port.OpenPort(), kOk);
         EXPECT_STREQ(port.LockFileName(), pty.LockName().c_str());
         EXPECT_TRUE(vt::FileExists(pty.LockName()));
 
-        CSPort second;
-        EXPECT_EQ(OpenLine(second, pty.Path()), 0x16000000u);
-        EXPECT_EQ(OpenLine(port, pty.Path()), 0x18000000u);
+        CSPort second(pty.Path().c_str());
+        EXPECT_EQ(second.OpenPort(), 0x16000000u);
+        EXPECT_EQ(port.OpenPort(), 0x18000000u);
         EXPECT_TRUE(vt::FileExists(pty.LockName()));  // neither refusal touched it
 
         EXPECT_EQ(port.ClosePort(), kOk);
         EXPECT_FALSE(vt::FileExists(pty.LockName()));
         EXPECT_EQ(port.ClosePort(), kOk);  // closed already: nothing to do
     }
-    CSPort again;
-    EXPECT_EQ(OpenLine(again, pty.Path()), kOk);
+    CSPort again(pty.Path().c_str());
+    EXPECT_EQ(again.OpenPort(), kOk);
     const std::string log = vt::ReadFile(vt::LogPath());
     EXPECT_NE(log.find("<RROR> CreateLockFile: Lockfile create failed.-1\n"), std::string::npos);
     EXPECT_NE(log.find("<ERROR> OpenPort Device not connected\n"), std::string::npos);
@@ -110,16 +110,16 @@ TEST_F(Serial, HandMadeLockFileOrPlantedLinkBlocksAndSurvives) {
     const std::string target = "/tmp/vyrix_test_lock_target";
     unlink(target.c_str());
     ASSERT_EQ(symlink(target.c_str(), pty.LockName().c_str()), 0);
-    CSPort port;
-    EXPECT_EQ(OpenLine(port, pty.Path()), 0x16000000u);
+    CSPort port(pty.Path().c_str());
+    EXPECT_EQ(port.OpenPort(), 0x16000000u);
     EXPECT_FALSE(vt::FileExists(target));  // not created through the link
     struct stat st {};
     EXPECT_EQ(lstat(pty.LockName().c_str(), &st), 0);  // and the link is not ours to remove
 }
 
 TEST_F(Serial, MissingDeviceLeavesNoLockFile) {
-    CSPort port;
-    EXPECT_EQ(OpenLine(port, "/dev/vyrix-no-such-tty"), 0x01000000u);
+    CSPort port("/dev/vyrix-no-such-tty");
+    EXPECT_EQ(port.OpenPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists("/tmp/vyrix_llc_com_vyrix-no-such-tty.lock"));
     EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<INFO> OpenPort Opening '/dev/vyrix-no-such-tty' failed\n"),
               std::string::npos);
@@ -134,10 +134,11 @@ TEST_F(Serial, NamesAndTheirLockFiles) {
     ASSERT_TRUE(CSPort::LockNameFor("/tmp/line", name));
     EXPECT_STREQ(name, "/tmp/vyrix_llc_com__tmp_line.lock");
 
-    CSPort port;
-    EXPECT_EQ(port.OpenPort(nullptr, 57600, 'n', 8, 1.0f), 0x05000000u);
+    CSPort unnamed;
+    EXPECT_EQ(unnamed.OpenPort(), 0x05000000u);
     std::string longName = "/dev/" + std::string(95, 'x');  // 100 characters
-    EXPECT_EQ(OpenLine(port, longName), 0x05000000u);
+    CSPort port(longName.c_str());
+    EXPECT_EQ(port.OpenPort(), 0x05000000u);
     EXPECT_EQ(port.LockFileName()[0], '\0');
 }
 
@@ -149,8 +150,8 @@ TEST_F(Serial, AttributesAreRestoredOnClose) {
     ASSERT_EQ(tcsetattr(pty.Slave(), TCSANOW, &before), 0);
     ASSERT_EQ(tcgetattr(pty.Slave(), &before), 0);
     {
-        CSPort port;
-        ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+        CSPort port(pty.Path().c_str());
+        ASSERT_EQ(port.OpenPort(), kOk);
         termios during{};
         tcgetattr(pty.Slave(), &during);
         EXPECT_NE(memcmp(&during, &before, sizeof before), 0);
@@ -210,51 +211,53 @@ TEST(SerialFlags, ParityByteSizeStopBitsAndBaudTables) {
 }
 
 TEST_F(Serial, WriteAndReadArgumentsAndClosedPort) {
-    CSPort port;
+    CSPort port(pty.Path().c_str());
     uint8_t byte = 1;
     int n = 0;
-    EXPECT_EQ(port.ReadPort(&byte, &n), 0x16000000u);
+    EXPECT_EQ(port.ReadPort(&byte, &n, Soon()), 0x16000000u);
     EXPECT_EQ(port.WritePort(&byte, 1), 0x16000000u);
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+    ASSERT_EQ(port.OpenPort(), kOk);
     EXPECT_EQ(port.WritePort(nullptr, 1), 0x05000000u);
-    EXPECT_EQ(port.ReadPort(nullptr, &n), 0x05000000u);
-    EXPECT_EQ(port.ReadPort(&byte, nullptr), 0x05000000u);
+    EXPECT_EQ(port.ReadPort(nullptr, &n, Soon()), 0x05000000u);
+    EXPECT_EQ(port.ReadPort(&byte, nullptr, Soon()), 0x05000000u);
     EXPECT_EQ(port.WritePort(&byte, 0), kOk);
     struct pollfd p = {pty.Master(), POLLIN, 0};
     EXPECT_EQ(poll(&p, 1, 50), 0);  // nothing was written
 }
 
-TEST_F(Serial, ReadWaitsAtMost100MsAndNeverSpins) {
-    CSPort port;
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+// A read ends at its deadline, at once when the port is being closed, and
+// reports a hung-up line as the device gone.
+TEST_F(Serial, ReadEndsOnDeadlineWakeOrHangUp) {
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
     std::vector<uint8_t> buf(4101);
     int n = -1;
-    vt::Stopwatch one;
-    EXPECT_EQ(port.ReadPort(buf.data(), &n), 0x01000000u);
-    EXPECT_GE(one.Ms(), 90);
-    EXPECT_LT(one.Ms(), 1000);
+    vt::Stopwatch timed;
+    EXPECT_EQ(port.ReadPort(buf.data(), &n, CDeadline::After(100)), 0x07000000u);
+    EXPECT_GE(timed.Ms(), 95);
     EXPECT_EQ(n, -1);  // set only on success
 
-    const double cpu = vt::CpuSeconds();
-    vt::Stopwatch loop;
-    while (loop.Ms() < 1000) port.ReadPort(buf.data(), &n);
-    EXPECT_LT(vt::CpuSeconds() - cpu, 0.1) << "an idle reading loop burns CPU";
+    std::thread closer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        port.CancelRead();
+    });
+    vt::Stopwatch woken;
+    EXPECT_EQ(port.ReadPort(buf.data(), &n, CDeadline::Never()), 0x07000000u);
+    closer.join();
+    EXPECT_LT(woken.Ms(), 2000);
 
+    CSPort other(pty.Path().c_str());
+    port.ClosePort();
+    ASSERT_EQ(other.OpenPort(), kOk);
     pty.CloseMaster();  // the line hangs up
-    const double cpuAfter = vt::CpuSeconds();
     vt::Stopwatch hungUp;
-    int reads = 0;
-    while (hungUp.Ms() < 500) {
-        EXPECT_EQ(port.ReadPort(buf.data(), &n), 0x01000000u);
-        ++reads;
-    }
-    EXPECT_LE(reads, 7);
-    EXPECT_LT(vt::CpuSeconds() - cpuAfter, 0.1) << "a hung-up line makes the loop spin";
+    EXPECT_EQ(other.ReadPort(buf.data(), &n, CDeadline::Never()), 0x16000000u);
+    EXPECT_LT(hungUp.Ms(), 2000);
 }
 
 TEST_F(Serial, WriteToAHungUpLineFails) {
-    CSPort port;
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
     pty.CloseMaster();
     uint8_t bytes[8] = {};
     EXPECT_EQ(port.WritePort(bytes, sizeof bytes), 0x01000000u);
@@ -262,9 +265,30 @@ TEST_F(Serial, WriteToAHungUpLineFails) {
     EXPECT_FALSE(vt::FileExists(pty.LockName()));
 }
 
+// Nobody reads the other end: the write gives up after two seconds without
+// progress, saying once that it waits.
+TEST_F(Serial, WriteWithoutProgressFailsAfterTwoSeconds) {
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
+    std::vector<uint8_t> packet(4101, 0x55);
+    Vyrix_ReturnStatus r = kOk;
+    vt::Stopwatch watch;
+    int written = 0;
+    for (; written < 1000 && r == kOk; ++written) r = port.WritePort(packet.data(), 4101);
+    EXPECT_EQ(r, 0x01000000u);
+    EXPECT_GE(watch.Ms(), 1900);
+    const std::string log = vt::ReadFile(vt::LogPath());
+    size_t waits = 0;
+    for (size_t at = log.find("Resource is temporarily unavailable"); at != std::string::npos;
+         at = log.find("Resource is temporarily unavailable", at + 1))
+        ++waits;
+    EXPECT_LE(waits, 2u);  // the last packet that still fitted, and the one that failed
+    EXPECT_NE(log.find("<ERROR> WritePort: Write Failed.\n"), std::string::npos);
+}
+
 TEST_F(Serial, DescriptorIsNotInherited) {
-    CSPort port;
-    ASSERT_EQ(OpenLine(port, pty.Path()), kOk);
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), kOk);
     bool foundCloexec = false;
     for (int fd = 3; fd < 1024; ++fd) {
         if (vt::FdPath(fd) == pty.Path() && fd != pty.Slave()) {
@@ -283,8 +307,8 @@ namespace {
 TEST(SerialHostileTmp, ReplacedLockFileIsNotDeleted) {
     LogStart();
     vt::PtyPair pty;
-    CSPort port;
-    ASSERT_EQ(port.OpenPort(pty.Path().c_str(), 57600, 'n', 8, 1.0f), 0u);
+    CSPort port(pty.Path().c_str());
+    ASSERT_EQ(port.OpenPort(), 0u);
     ASSERT_EQ(unlink(pty.LockName().c_str()), 0);
     { std::ofstream(pty.LockName()) << "someone else's\n"; }
     EXPECT_EQ(port.ClosePort(), 0u);
