@@ -2,6 +2,7 @@
 #ifndef LLC_BTPORT_H
 #define LLC_BTPORT_H
 
+#include "LLC_LockFile.h"
 #include "LLC_Port.h"
 #include "LLC_Utility.h"
 
@@ -13,7 +14,8 @@ public:
     CBTPort& operator=(const CBTPort&) = delete;
 
     using CPort::OpenPort;
-    // 0; 0x5000000 null or over-long id, null pass key; 0x19000000 no
+    // 0; 0x5000000 null pass key, or an id that is not six hexadecimal
+    // pairs separated by ':' (checked before anything is opened); 0x19000000 no
     // adapter; 0x18000000 open already; 0x16000000 lock file present;
     // 0x1000000 no socket or no connection.
     Vyrix_ReturnStatus OpenPort(const char* uniqueID, const char* passKey) override;
@@ -26,6 +28,7 @@ public:
                                         void* pDeviceInfo) override;
 
     static bool CheckForBTHRadio();
+    static bool IsValidAddress(const char* address);
     const char* LockFileName() const { return m_lockfile_str; }
 
 private:
@@ -37,7 +40,7 @@ private:
     const char* m_uniqueID;
     [[maybe_unused]] const char* m_passKey;  // the pass key is checked, not stored
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
-    LockIdentity m_lockIdentity;
+    CLockFile m_lock;
 };
 
 #endif  // LLC_BTPORT_H

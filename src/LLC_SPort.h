@@ -4,6 +4,7 @@
 
 #include <termios.h>
 
+#include "LLC_LockFile.h"
 #include "LLC_Port.h"
 #include "LLC_Utility.h"
 
@@ -16,7 +17,8 @@ public:
 
     using CPort::OpenPort;
     // 0; 0x5000000 null or over-long name; 0x18000000 open already;
-    // 0x16000000 lock file present; 0x1000000 the device cannot be opened.
+    // 0x16000000 lock file held, or the terminal is open under another name;
+    // 0x1000000 the device cannot be opened or is not a terminal.
     Vyrix_ReturnStatus OpenPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
                                 float fStop) override;
     Vyrix_ReturnStatus ClosePort() override;
@@ -39,6 +41,8 @@ public:
 private:
     Vyrix_ReturnStatus CreateLockFile();
     void RemoveLockFile(const char* function);
+    // Closes the device and releases the lock file of a failed open.
+    Vyrix_ReturnStatus FailOpen(Vyrix_ReturnStatus result);
 
     char m_portName[100];
     int m_nPortHandle;
@@ -48,7 +52,7 @@ private:
     [[maybe_unused]] int m_nByteSize;
     [[maybe_unused]] float m_fStop;
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
-    LockIdentity m_lockIdentity;
+    CLockFile m_lock;
     termios m_oldTio;
     termios m_newTio;
 };

@@ -44,7 +44,7 @@ void Choose(const std::string& name, bool on) {
     else
         unlink(path.c_str());
 }
-std::string LockName(const std::string& address) { return "/tmp/vyrix_llc_bth_" + address + ".lock"; }
+std::string LockName(const std::string& address) { return vt::RuntimeDir() + "/vyrix_llc_bth_" + address + ".lock"; }
 
 // A device listening on RFCOMM channel 1 of an address; it takes one
 // connection and hands it to a simulator, or keeps it raw.
@@ -198,11 +198,12 @@ TEST_F(Bluetooth, LockFilesPerAddressText) {
     EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<RROR> CreateLockFile: Lockfile create failed.-1\n"),
               std::string::npos);
     EXPECT_TRUE(vt::FileExists(LockName(kAddress)));  // the holder keeps it
-    const std::string lower = "aa:bb:cc:dd:ee:ff", upper = "AA:BB:CC:DD:EE:FF";
+    // One device whatever the case of its address: the name is upper case.
+    FakeDevice other("AA:BB:CC:DD:EE:FF", false);
     CBTPort a, b;
-    a.OpenPort(lower.c_str(), "0");
-    b.OpenPort(upper.c_str(), "0");
-    EXPECT_STRNE(a.LockFileName(), b.LockFileName());
+    ASSERT_EQ(a.OpenPort("aa:bb:cc:dd:ee:ff", "0"), kOk);
+    EXPECT_EQ(a.LockFileName(), LockName("AA:BB:CC:DD:EE:FF"));
+    EXPECT_EQ(b.OpenPort("AA:BB:CC:DD:EE:FF", "0"), 0x16000000u);
 }
 
 TEST_F(Bluetooth, Enumeration) {
