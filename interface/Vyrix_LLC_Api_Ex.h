@@ -21,6 +21,12 @@
  * closing any port ends it.  Each open port holds a lock file under /tmp
  * (/tmp/vyrix_llc_com_*, /tmp/vyrix_llc_usb_*, /tmp/vyrix_llc_bth_*).
  *
+ * Environment (extensions).  VYRIX_RUNTIME_DIR, when set, names the
+ * directory that holds the log and the lock files instead of /tmp (same file
+ * names).  VYRIX_LOG chooses where log entries go: "file" (the default, the
+ * files above), "stderr" (standard error) or "off" (no log).  A lock file
+ * left by a process that died is taken over by the next open.
+ *
  * Every function returns a result word; see vyrix_rc.h.  No exception leaves
  * any of them: an unexpected one becomes eVYRIX_FAILURE (0x01000000).
  */

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +19,8 @@
 
 namespace {
 constexpr size_t kUniqueIdSize = 25;
-constexpr int kInquiryLength = 8;  // units of 1.28 s
+constexpr size_t kAddressLength = 17;  // "XX:XX:XX:XX:XX:XX"
+constexpr int kInquiryLength = 8;      // units of 1.28 s
 constexpr int kInquiryMaxResponses = 255;
 constexpr int kNameSize = 249;
 constexpr char kUnknownName[] = "[unknown]";
@@ -48,15 +50,24 @@ bool CBTPort::CheckForBTHRadio() {
     return true;
 }
 
-Vyrix_ReturnStatus CBTPort::CreateLockFile() {
-    int n = snprintf(m_lockfile_str, sizeof m_lockfile_str, "%s_%s.lock", KT_LOCK_PREFIX_BTH, m_uniqueID);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof m_lockfile_str) {
-        m_lockfile_str[0] = '\0';
-        return RC(eVYRIX_INVALID_ARGUMENT);
+bool CBTPort::IsValidAddress(const char* address) {
+    // Six pairs of hexadecimal digits separated by ':', nothing more.
+    for (size_t i = 0; i < kAddressLength; ++i) {
+        const bool colon = i % 3 == 2;
+        if (colon ? address[i] != ':' : !isxdigit(static_cast<unsigned char>(address[i]))) return false;
     }
+    return address[kAddressLength] == '\0';
+}
+
+Vyrix_ReturnStatus CBTPort::CreateLockFile() {
+    char address[kAddressLength + 1];
+    for (size_t i = 0; i <= kAddressLength; ++i)
+        address[i] = static_cast<char>(toupper(static_cast<unsigned char>(m_uniqueID[i])));
+    if (!RuntimeFileName(m_lockfile_str, sizeof m_lockfile_str, "%s_%s.lock", KT_LOCK_PREFIX_BTH, address))
+        return RC(eVYRIX_INVALID_ARGUMENT);
     LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", m_lockfile_str);
     int openResult = -1;
-    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult, &m_lockIdentity)) {
+    if (!m_lock.Acquire(m_lockfile_str, &openResult)) {
         LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
         m_lockfile_str[0] = '\0';  // the other holder's file is never removed
         return RC(eVYRIX_NOT_CONNECTED);
@@ -67,8 +78,7 @@ Vyrix_ReturnStatus CBTPort::CreateLockFile() {
 void CBTPort::RemoveLockFile(const char* function) {
     char name[KT_LOCK_NAME_SIZE];
     memcpy(name, m_lockfile_str, sizeof name);
-    if (!ReleaseLockFile(m_lockfile_str, m_lockIdentity))
-        LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
+    if (!m_lock.Release(m_lockfile_str)) LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
 Vyrix_ReturnStatus CBTPort::OpenPort() {
@@ -76,7 +86,7 @@ Vyrix_ReturnStatus CBTPort::OpenPort() {
 }
 
 Vyrix_ReturnStatus CBTPort::Open(const char* uniqueID, const char* passKey) {
-    if (uniqueID == nullptr || passKey == nullptr || strnlen(uniqueID, kUniqueIdSize) >= kUniqueIdSize) {
+    if (uniqueID == nullptr || passKey == nullptr || !IsValidAddress(uniqueID)) {
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "LLC_LockFile.h"
 #include "LLC_Port.h"
 #include "LLC_PortWaiter.h"
 #include "LLC_Utility.h"
@@ -17,7 +18,8 @@ public:
     CBTPort(const CBTPort&) = delete;
     CBTPort& operator=(const CBTPort&) = delete;
 
-    // 0; 0x5000000 null or over-long id, null pass key; 0x19000000 no
+    // 0; 0x5000000 null pass key, or an id that is not six hexadecimal
+    // pairs separated by ':' (checked before anything is opened); 0x19000000 no
     // adapter; 0x18000000 open already; 0x16000000 lock file present;
     // 0x1000000 no socket or no connection.
     Vyrix_ReturnStatus OpenPort() override;
@@ -31,6 +33,7 @@ public:
                                         void* pDeviceInfo) override;
 
     static bool CheckForBTHRadio();
+    static bool IsValidAddress(const char* address);
     const char* LockFileName() const { return m_lockfile_str; }
 
 private:
@@ -47,7 +50,7 @@ private:
     const char* m_uniqueID;
     [[maybe_unused]] const char* m_passKey;  // the pass key is checked, not stored
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
-    LockIdentity m_lockIdentity;
+    CLockFile m_lock;
 };
 
 #endif  // LLC_BTPORT_H

@@ -16,13 +16,16 @@ constexpr unsigned KT_XLNK_HEADER_LEN = 5;
 constexpr unsigned KT_XLNK_MAX_PACKET = KT_XLNK_MAX_PAYLOAD + KT_XLNK_HEADER_LEN + 1;  // 4101
 constexpr uint8_t KT_XLNK_START_BYTE = 0xC0;
 
-// Lock files that mark a device as taken, and the log files.
-constexpr const char* KT_LOCK_PREFIX_SERIAL = "/tmp/vyrix_llc_com";
-constexpr const char* KT_LOCK_PREFIX_BTH = "/tmp/vyrix_llc_bth";
-constexpr const char* KT_LOCK_PREFIX_USB = "/tmp/vyrix_llc_usb";
+// Lock files that mark a device as taken, and the log files, all in the
+// runtime directory (RuntimeDir(): /tmp unless VYRIX_RUNTIME_DIR names
+// another one).
+constexpr const char* KT_RUNTIME_DIR_DEFAULT = "/tmp";
+constexpr const char* KT_LOCK_PREFIX_SERIAL = "vyrix_llc_com";
+constexpr const char* KT_LOCK_PREFIX_BTH = "vyrix_llc_bth";
+constexpr const char* KT_LOCK_PREFIX_USB = "vyrix_llc_usb";
 constexpr size_t KT_LOCK_NAME_SIZE = 128;
-constexpr const char* KT_LOG_FILE_NAME = "/tmp/Vyrix_SDK.log";
-constexpr const char* KT_LOG_FILE_PREFIX = "/tmp/Vyrix_SDK";
+constexpr const char* KT_LOG_FILE_NAME = "Vyrix_SDK.log";
+constexpr const char* KT_LOG_FILE_PREFIX = "Vyrix_SDK";
 
 // Waiting and retrying.
 constexpr unsigned KT_REMOVE_POLL_MS = 100;      // one period of a reply wait

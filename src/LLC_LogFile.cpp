@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "LLC_Common.h"
+#include "LLC_Utility.h"
 
 CLogFile* g_pLogFile = nullptr;
 CLogFile* CLogFile::m_pCLogInst = nullptr;
@@ -23,22 +25,36 @@ bool g_bFirstInstance = true;
 pthread_rwlock_t g_logLifetime = PTHREAD_RWLOCK_INITIALIZER;
 
 constexpr size_t kStampSize = 64;
-constexpr size_t kUniqueNameSize = 64;
+constexpr unsigned kUniqueSuffixes = 100;
 constexpr size_t kNameBufferSize = 512;
 
-// Opens a log file of our own: never through a symbolic link, never a file
-// that is not a regular file owned by this user.  No truncation happens
-// before those checks.
-int OpenOwnedFile(const char* path) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644);
+// Opens a log file of our own: never through a symbolic link, never
+// blocking on whatever is planted under the name (a FIFO), and only a
+// regular file owned by this user with no other name.  No truncation
+// happens before those checks.
+int OpenOwnedFile(const char* path, int extraFlags) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags, 0644);
     if (fd < 0) return -1;
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
+    int flags = fcntl(fd, F_GETFL);
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1 || flags < 0 ||
+        fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
         close(fd);
         errno = EPERM;
         return -1;
     }
     return fd;
+}
+
+// Where entries go, from $VYRIX_LOG: "file" (or unset, or anything else)
+// the log files, "stderr" standard error, "off" nowhere.
+enum class LogTarget { kFile, kStderr, kOff };
+LogTarget ConfiguredTarget() {
+    const char* value = getenv("VYRIX_LOG");
+    if (value == nullptr) return LogTarget::kFile;
+    if (strcmp(value, "stderr") == 0) return LogTarget::kStderr;
+    if (strcmp(value, "off") == 0) return LogTarget::kOff;
+    return LogTarget::kFile;
 }
 
 FILE* StreamFor(int fd) {
@@ -56,7 +72,10 @@ FILE* StreamFor(int fd) {
 
 CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_writeLock() {
     pthread_mutex_init(&m_writeLock, nullptr);
-    int fd = OpenOwnedFile(KT_LOG_FILE_NAME);
+    char name[kNameBufferSize];
+    int fd = -1;
+    if (ConfiguredTarget() == LogTarget::kFile && RuntimeFileName(name, sizeof name, "%s", KT_LOG_FILE_NAME))
+        fd = OpenOwnedFile(name, 0);
     if (fd < 0) {
         m_pFileHandle = stderr;
         return;
@@ -83,11 +102,17 @@ CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_writeLock() {
 void CLogFile::OpenUniqueFile() {
     char newFilename[kNameBufferSize] = {0};
     int fd = -1;
-    if (genUniqueFilename(newFilename) > 0) {
-        fd = OpenOwnedFile(newFilename);
-        if (fd >= 0 && ftruncate(fd, 0) != 0) {
-            close(fd);
-            fd = -1;
+    const int length = genUniqueFilename(newFilename, sizeof newFilename);
+    if (length > 0) {
+        // Always a new file: when another process took the name in the same
+        // second, "_<n>" goes before ".log".
+        char* const extension = newFilename + length - strlen(".log");
+        const size_t room = sizeof newFilename - static_cast<size_t>(extension - newFilename);
+        fd = OpenOwnedFile(newFilename, O_EXCL);
+        for (unsigned suffix = 1; fd < 0 && errno == EEXIST && suffix <= kUniqueSuffixes; ++suffix) {
+            const int n = snprintf(extension, room, "_%u.log", suffix);
+            if (n < 0 || static_cast<size_t>(n) >= room) break;
+            fd = OpenOwnedFile(newFilename, O_EXCL);
         }
     }
     m_pFileHandle = fd >= 0 ? StreamFor(fd) : nullptr;
@@ -114,13 +139,14 @@ CLogFile::~CLogFile() {
     m_pCLogInst = nullptr;
 }
 
-int CLogFile::genUniqueFilename(char* uniqueName) {
+int CLogFile::genUniqueFilename(char* uniqueName, size_t size) {
     time_t now = time(nullptr);
     struct tm local {};
     localtime_r(&now, &local);
     char sysdate_buffer[kStampSize];
     if (strftime(sysdate_buffer, sizeof sysdate_buffer, "%d%b%Y_%H%M%S", &local) == 0) return -1;
-    return snprintf(uniqueName, kUniqueNameSize, "%s_%s.log", KT_LOG_FILE_PREFIX, sysdate_buffer);
+    if (!RuntimeFileName(uniqueName, size, "%s_%s.log", KT_LOG_FILE_PREFIX, sysdate_buffer)) return -1;
+    return static_cast<int>(strlen(uniqueName));
 }
 
 void CLogFile::WriteLogFileEx(const char* fmt, va_list varParList) {
@@ -140,7 +166,7 @@ void CLogFile::WriteLogFile(const char* fmt, ...) {
 
 void LogStart() {
     pthread_rwlock_wrlock(&g_logLifetime);
-    if (g_pLogFile == nullptr) g_pLogFile = CLogFile::getInstance();
+    if (g_pLogFile == nullptr && ConfiguredTarget() != LogTarget::kOff) g_pLogFile = CLogFile::getInstance();
     pthread_rwlock_unlock(&g_logLifetime);
 }
 

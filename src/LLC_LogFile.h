@@ -1,6 +1,8 @@
-// The process-wide log: /tmp/Vyrix_SDK.log, shared between processes by an
-// advisory lock, with a time-stamped file of its own for a process that
-// finds the shared file taken.
+// The process-wide log: Vyrix_SDK.log in the runtime directory (/tmp unless
+// VYRIX_RUNTIME_DIR names another), shared between processes by an advisory
+// lock, with a time-stamped file of its own for a process that finds the
+// shared file taken.  VYRIX_LOG=stderr sends the entries to standard error,
+// VYRIX_LOG=off turns the log off.
 #ifndef LLC_LOGFILE_H
 #define LLC_LOGFILE_H
 
@@ -19,9 +21,10 @@ public:
     void WriteLogFile(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void WriteLogFileEx(const char* fmt, va_list varParList);
 
-    // Fills uniqueName (64 bytes at least) with "/tmp/Vyrix_SDK_<stamp>.log";
-    // returns its length, or -1 (name untouched) when no stamp can be made.
-    static int genUniqueFilename(char* uniqueName);
+    // Fills uniqueName (`size` bytes) with "<dir>/Vyrix_SDK_<stamp>.log",
+    // <dir> the runtime directory (/tmp by default); returns its length, or
+    // -1 when no stamp can be made or the name does not fit.
+    static int genUniqueFilename(char* uniqueName, size_t size = 64);
 
     // The stream entries go to (for tests and diagnostics).
     FILE* Stream() const { return m_pFileHandle; }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,13 +48,10 @@ CSPort::~CSPort() {
 bool CSPort::LockNameFor(const char* portName, char* out) {
     const char* device = portName;
     if (strncmp(portName, kDevPrefix, kDevPrefixLen) == 0) device += kDevPrefixLen;
-    int n = snprintf(out, KT_LOCK_NAME_SIZE, "%s_%s.lock", KT_LOCK_PREFIX_SERIAL, device);
-    if (n < 0 || static_cast<size_t>(n) >= KT_LOCK_NAME_SIZE) {
-        out[0] = '\0';
-        return false;
-    }
-    // Every further '/' becomes '_', so the name stays one file in /tmp.
-    for (char* p = out + strlen(KT_LOCK_PREFIX_SERIAL); *p != '\0'; ++p)
+    if (!RuntimeFileName(out, KT_LOCK_NAME_SIZE, "%s_%s.lock", KT_LOCK_PREFIX_SERIAL, device)) return false;
+    // Every further '/' becomes '_', so the name stays one file in the
+    // runtime directory.
+    for (char* p = out + strlen(out) - strlen(device) - strlen(".lock"); *p != '\0'; ++p)
         if (*p == '/') *p = '_';
     return true;
 }
@@ -61,7 +59,7 @@ bool CSPort::LockNameFor(const char* portName, char* out) {
 Vyrix_ReturnStatus CSPort::CreateLockFile() {
     LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", m_lockfile_str);
     int openResult = -1;
-    if (!CreateExclusiveLockFile(m_lockfile_str, &openResult, &m_lockIdentity)) {
+    if (!m_lock.Acquire(m_lockfile_str, &openResult)) {
         LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
         // Not ours: never remove it.
         m_lockfile_str[0] = '\0';
@@ -73,8 +71,7 @@ Vyrix_ReturnStatus CSPort::CreateLockFile() {
 void CSPort::RemoveLockFile(const char* function) {
     char name[KT_LOCK_NAME_SIZE];
     memcpy(name, m_lockfile_str, sizeof name);
-    if (!ReleaseLockFile(m_lockfile_str, m_lockIdentity))
-        LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
+    if (!m_lock.Release(m_lockfile_str)) LlcLog("<ERROR> %s: Lock file %s remove failed.\n", function, name);
 }
 
 Vyrix_ReturnStatus CSPort::OpenPort() {
@@ -110,7 +107,18 @@ Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char
         RemoveLockFile("OpenPort");
         return RC(eVYRIX_FAILURE);
     }
-    tcgetattr(m_nPortHandle, &m_oldTio);
+    if (tcgetattr(m_nPortHandle, &m_oldTio) != 0) {
+        // Not a terminal: nothing that speaks the line protocol.
+        LlcLog("<INFO> %s Opening '%s' failed\n", "OpenPort", m_portName);
+        return FailOpen(RC(eVYRIX_FAILURE));
+    }
+    // The lock file only covers this name of the device; the lock on the
+    // terminal itself covers every other name (links, /dev/serial/by-id).
+    if (flock(m_nPortHandle, LOCK_EX | LOCK_NB) != 0) {
+        LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", -1);
+        LlcLog("<ERROR> %s Device not connected\n", "OpenPort");
+        return FailOpen(RC(eVYRIX_NOT_CONNECTED));
+    }
     m_newTio.c_cflag = CREAD;
     setParityFlag(cParity);
     setBaudRateFlag(static_cast<double>(dwBaud));
@@ -119,6 +127,13 @@ Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char
     tcflush(m_nPortHandle, TCIFLUSH);
     tcsetattr(m_nPortHandle, TCSANOW, &m_newTio);
     return RC_OK;
+}
+
+Vyrix_ReturnStatus CSPort::FailOpen(Vyrix_ReturnStatus result) {
+    close(m_nPortHandle);
+    m_nPortHandle = -1;
+    RemoveLockFile("OpenPort");
+    return result;
 }
 
 int CSPort::setParityFlag(char c) {

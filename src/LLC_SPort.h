@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "LLC_LockFile.h"
 #include "LLC_Port.h"
 #include "LLC_PortWaiter.h"
 #include "LLC_Utility.h"
@@ -23,7 +24,8 @@ public:
     CSPort& operator=(const CSPort&) = delete;
 
     // 0; 0x5000000 null or over-long name; 0x18000000 open already;
-    // 0x16000000 lock file present; 0x1000000 the device cannot be opened.
+    // 0x16000000 lock file held, or the terminal is open under another name;
+    // 0x1000000 the device cannot be opened or is not a terminal.
     Vyrix_ReturnStatus OpenPort() override;
     Vyrix_ReturnStatus ClosePort() override;
     Vyrix_ReturnStatus ReadPort(unsigned char* inbuf, int* outLen, const CDeadline& deadline) override;
@@ -49,6 +51,8 @@ private:
     Vyrix_ReturnStatus Open(const char* portName, unsigned long dwBaud, char cParity, int nByteSize, float fStop);
     Vyrix_ReturnStatus CreateLockFile();
     void RemoveLockFile(const char* function);
+    // Closes the device and releases the lock file of a failed open.
+    Vyrix_ReturnStatus FailOpen(Vyrix_ReturnStatus result);
 
     // As constructed; a null name stays null.
     std::string m_configuredName;
@@ -61,7 +65,7 @@ private:
     float m_fStop;
     CPortWaiter m_waiter;
     char m_lockfile_str[KT_LOCK_NAME_SIZE];
-    LockIdentity m_lockIdentity;
+    CLockFile m_lock;
     termios m_oldTio;
     termios m_newTio;
 };

@@ -65,10 +65,10 @@ CUsbPort::~CUsbPort() {
 
 Vyrix_ReturnStatus CUsbPort::CreateLockFile() {
     char* name = reinterpret_cast<char*>(m_lockfile_str);
-    snprintf(name, KT_LOCK_NAME_SIZE, "%s_%03d_%03d.lock", KT_LOCK_PREFIX_USB, m_bus_num, m_dev_addr);
+    RuntimeFileName(name, KT_LOCK_NAME_SIZE, "%s_%03d_%03d.lock", KT_LOCK_PREFIX_USB, m_bus_num, m_dev_addr);
     LlcLog("<INFO> %s: Lockfile name = %s\n", "CreateLockFile", name);
     int openResult = -1;
-    if (!CreateExclusiveLockFile(name, &openResult, &m_lockIdentity)) {
+    if (name[0] == '\0' || !m_lock.Acquire(name, &openResult)) {
         LlcLog("<ERROR> %s: Lockfile create failed.%d\n", "CreateLockFile", openResult);
         name[0] = '\0';  // another holder's file is never removed
         return RC(eVYRIX_ALREADY_OPENED);
@@ -77,7 +77,7 @@ Vyrix_ReturnStatus CUsbPort::CreateLockFile() {
 }
 
 void CUsbPort::RemoveLockFile() {
-    if (!ReleaseLockFile(reinterpret_cast<char*>(m_lockfile_str), m_lockIdentity))
+    if (!m_lock.Release(reinterpret_cast<char*>(m_lockfile_str)))
         LlcLog("<ERROR> %s: Lock file remove failed.\n", "ClosePort");
 }
 

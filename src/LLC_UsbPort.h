@@ -8,6 +8,7 @@
 
 #include <atomic>
 
+#include "LLC_LockFile.h"
 #include "LLC_Port.h"
 #include "LLC_Utility.h"
 
@@ -64,7 +65,7 @@ private:
     BYTE m_bus_num;
     BYTE m_dev_addr;
     BYTE m_lockfile_str[KT_LOCK_NAME_SIZE];
-    LockIdentity m_lockIdentity;
+    CLockFile m_lock;
     bool m_claimed_interface;
     libusb_transfer* m_readTransfer;
     unsigned char m_readBuf[KT_USB_PACKET_SIZE];

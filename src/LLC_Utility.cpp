@@ -1,11 +1,9 @@
 #include "LLC_Utility.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 void LLCSleep(unsigned long ulMilliSecs) {
@@ -25,28 +23,21 @@ extern "C" void KtSleep(DWORD dwMilliSecs) {
     }
 }
 
-bool CreateExclusiveLockFile(const char* name, int* pOpenResult, LockIdentity* identity) {
-    int fd = open(name, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    *pOpenResult = fd;
-    if (fd < 0) return false;
-    struct stat st {};
-    fstat(fd, &st);
-    identity->dev = st.st_dev;
-    identity->ino = st.st_ino;
-    identity->modified = st.st_mtim;
-    close(fd);
-    return true;
+const char* RuntimeDir() {
+    const char* dir = getenv("VYRIX_RUNTIME_DIR");
+    return dir != nullptr && dir[0] != '\0' ? dir : KT_RUNTIME_DIR_DEFAULT;
 }
 
-bool ReleaseLockFile(char* lockName, const LockIdentity& identity) {
-    bool removed = true;
-    if (lockName[0] != '\0') {
-        struct stat st {};
-        const bool ours = lstat(lockName, &st) == 0 && st.st_dev == identity.dev && st.st_ino == identity.ino &&
-                          st.st_mtim.tv_sec == identity.modified.tv_sec &&
-                          st.st_mtim.tv_nsec == identity.modified.tv_nsec;
-        removed = ours && remove(lockName) == 0;
+bool RuntimeFileName(char* out, size_t size, const char* fmt, ...) {
+    int dirLen = snprintf(out, size, "%s/", RuntimeDir());
+    bool fits = dirLen >= 0 && static_cast<size_t>(dirLen) < size;
+    if (fits) {
+        va_list args;
+        va_start(args, fmt);
+        int n = vsnprintf(out + dirLen, size - static_cast<size_t>(dirLen), fmt, args);
+        va_end(args);
+        fits = n >= 0 && static_cast<size_t>(n) < size - static_cast<size_t>(dirLen);
     }
-    lockName[0] = '\0';
-    return removed;
+    if (!fits && size > 0) out[0] = '\0';
+    return fits;
 }

@@ -1,4 +1,4 @@
-// Small services shared by the ports: sleeping and lock files.
+// Small services shared by the ports: sleeping, file names and writing.
 #ifndef LLC_UTILITY_H
 #define LLC_UTILITY_H
 
@@ -11,24 +11,15 @@
 #include <poll.h>
 
 #include <sys/types.h>
-#include <time.h>
 
-// Which file a lock is: a file planted under the same name later is not
-// it, even when it gets the same inode number (its times differ).
-struct LockIdentity {
-    dev_t dev = 0;
-    ino_t ino = 0;
-    struct timespec modified = {0, 0};
-};
+// The directory of the log and the lock files: $VYRIX_RUNTIME_DIR when it
+// is set and not empty, /tmp otherwise.
+const char* RuntimeDir();
 
-// Creates the lock file `name` exclusively (mode 0644, never through a
-// symbolic link); true when this call created it.
-bool CreateExclusiveLockFile(const char* name, int* pOpenResult, LockIdentity* identity);
-
-// Deletes the lock file named in `lockName` (if any) when it is still the
-// file this process created, and empties the name.  Returns false when a
-// name was held but the file could not be deleted or is no longer ours.
-bool ReleaseLockFile(char* lockName, const LockIdentity& identity);
+// Formats a file name inside RuntimeDir() into `out` ("<dir>/" followed by
+// the formatted text); false, with `out` emptied, when it does not fit in
+// `size` bytes.
+bool RuntimeFileName(char* out, size_t size, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
 // Writes all `len` bytes with `write` (a write(2)-like call on the
 // non-blocking descriptor `fd`), waiting in `waiter` while the device does

@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "TestSupport.h"
+
 namespace vt {
 
 class PtyPair {
@@ -36,7 +38,9 @@ public:
         master_ = -1;
     }
     // The lock file a serial port takes for this terminal.
-    std::string LockName() const { return "/tmp/vyrix_llc_com_pts_" + path_.substr(path_.rfind('/') + 1) + ".lock"; }
+    std::string LockName() const {
+        return RuntimeDir() + "/vyrix_llc_com_pts_" + path_.substr(path_.rfind('/') + 1) + ".lock";
+    }
 
 private:
     int master_ = -1;

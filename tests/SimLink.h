@@ -18,7 +18,7 @@ namespace vt {
 using Bytes = std::vector<uint8_t>;
 
 inline std::string SerialLockName(const std::string& path) {
-    return "/tmp/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
+    return RuntimeDir() + "/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
 }
 
 class SimLink : public ::testing::Test {

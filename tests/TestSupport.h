@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -26,6 +27,13 @@ inline std::string ReadFile(const std::string& path) {
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+// The directory of the library's log and lock files: each test program has
+// one of its own (PrivateRuntimeDir.cpp).
+inline std::string RuntimeDir() {
+    const char* dir = getenv("VYRIX_RUNTIME_DIR");
+    return dir != nullptr ? dir : "/tmp";
 }
 
 inline bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

@@ -104,7 +104,7 @@ TEST(ConnectionTable, SerialNamesMatchOnTheirFirstElevenCharacters) {
     EXPECT_EQ(Vyrix_OpenConnection(library, &again, UartRecord(second.c_str())), 0x18000000u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
     unlink(first.c_str());
-    EXPECT_FALSE(vt::FileExists("/tmp/vyrix_llc_com__tmp_vyrix_tty_first.lock"));
+    EXPECT_FALSE(vt::FileExists(vt::RuntimeDir() + "/vyrix_llc_com__tmp_vyrix_tty_first.lock"));
 }
 
 TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {

@@ -261,11 +261,11 @@ TEST_F(Faulty, SecondProcessIsRefusedAndLogsApart) {
     // Its entries went to a time-stamped file, not into ours.
     EXPECT_EQ(vt::ReadFile(vt::LogPath()).find("Lockfile create failed"), std::string::npos);
     bool found = false;
-    if (DIR* dir = opendir("/tmp")) {
+    if (DIR* dir = opendir(vt::RuntimeDir().c_str())) {
         while (dirent* e = readdir(dir)) {
             const std::string name = e->d_name;
             if (name.rfind("Vyrix_SDK_", 0) != 0) continue;
-            const std::string file = "/tmp/" + name;
+            const std::string file = vt::RuntimeDir() + "/" + name;
             if (vt::ReadFile(file).find("Lockfile create failed") != std::string::npos) found = true;
             unlink(file.c_str());
         }

@@ -406,7 +406,7 @@ TEST(LlcRealBluetooth, NoAdapterThroughTheServiceFunctions) {
     Vyrix_BTHDiscoveryInfo found[2];
     EXPECT_EQ(KtEnumerateBTHDevices(2, &count, found), 0x19000000u);
     EXPECT_EQ(count, 5u);
-    EXPECT_FALSE(vt::FileExists("/tmp/vyrix_llc_bth_00:11:22:33:44:55.lock"));
+    EXPECT_FALSE(vt::FileExists(vt::RuntimeDir() + "/vyrix_llc_bth_00:11:22:33:44:55.lock"));
 }
 
 }  // namespace

@@ -107,7 +107,7 @@ TEST_F(Serial, LockFileLivesExactlyAsLongAsThePort) {
 }
 
 TEST_F(Serial, HandMadeLockFileOrPlantedLinkBlocksAndSurvives) {
-    const std::string target = "/tmp/vyrix_test_lock_target";
+    const std::string target = vt::RuntimeDir() + "/vyrix_test_lock_target";
     unlink(target.c_str());
     ASSERT_EQ(symlink(target.c_str(), pty.LockName().c_str()), 0);
     CSPort port(pty.Path().c_str());
@@ -120,19 +120,24 @@ TEST_F(Serial, HandMadeLockFileOrPlantedLinkBlocksAndSurvives) {
 TEST_F(Serial, MissingDeviceLeavesNoLockFile) {
     CSPort port("/dev/vyrix-no-such-tty");
     EXPECT_EQ(port.OpenPort(), 0x01000000u);
-    EXPECT_FALSE(vt::FileExists("/tmp/vyrix_llc_com_vyrix-no-such-tty.lock"));
+    EXPECT_FALSE(vt::FileExists(vt::RuntimeDir() + "/vyrix_llc_com_vyrix-no-such-tty.lock"));
     EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<INFO> OpenPort Opening '/dev/vyrix-no-such-tty' failed\n"),
               std::string::npos);
 }
 
 TEST_F(Serial, NamesAndTheirLockFiles) {
     char name[128];
+    const std::string dir = vt::RuntimeDir();
     ASSERT_TRUE(CSPort::LockNameFor("/dev/ttyUSB0", name));
-    EXPECT_STREQ(name, "/tmp/vyrix_llc_com_ttyUSB0.lock");
+    EXPECT_EQ(name, dir + "/vyrix_llc_com_ttyUSB0.lock");
     ASSERT_TRUE(CSPort::LockNameFor("/dev/pts/3", name));
-    EXPECT_STREQ(name, "/tmp/vyrix_llc_com_pts_3.lock");
+    EXPECT_EQ(name, dir + "/vyrix_llc_com_pts_3.lock");
     ASSERT_TRUE(CSPort::LockNameFor("/tmp/line", name));
-    EXPECT_STREQ(name, "/tmp/vyrix_llc_com__tmp_line.lock");
+    EXPECT_EQ(name, dir + "/vyrix_llc_com__tmp_line.lock");
+    unsetenv("VYRIX_RUNTIME_DIR");  // the default directory
+    ASSERT_TRUE(CSPort::LockNameFor("/dev/ttyUSB0", name));
+    setenv("VYRIX_RUNTIME_DIR", dir.c_str(), 1);
+    EXPECT_STREQ(name, "/tmp/vyrix_llc_com_ttyUSB0.lock");
 
     CSPort unnamed;
     EXPECT_EQ(unnamed.OpenPort(), 0x05000000u);

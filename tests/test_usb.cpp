@@ -1,4 +1,7 @@
 // The USB port on the real libusb-1.0 against devices emulated by umockdev.
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -33,17 +36,14 @@ UsbDeviceSpec Vyrix(int address, const std::string& serial = "AB12") {
 
 std::string UsbLock(int bus, int address) {
     char name[64];
-    snprintf(name, sizeof name, "/tmp/vyrix_llc_usb_%03d_%03d.lock", bus, address);
-    return name;
+    snprintf(name, sizeof name, "/vyrix_llc_usb_%03d_%03d.lock", bus, address);
+    return vt::RuntimeDir() + name;
 }
 
 class Usb : public ::testing::Test {
 protected:
     void SetUp() override { LogStart(); }
-    void TearDown() override {
-        LogEnd();
-        for (int a = 1; a < 10; ++a) unlink(UsbLock(1, a).c_str());
-    }
+    void TearDown() override { LogEnd(); }
     std::string Log() { return vt::ReadFile(vt::LogPath()); }
 };
 
@@ -127,12 +127,22 @@ TEST_F(Usb, OpenTakesTheFirstFreeMatchingDevice) {
     EXPECT_STREQ(third.LockFileName(), UsbLock(1, firstAddress).c_str());
 }
 
-TEST_F(Usb, HandMadeLockFileBlocksADevice) {
+// A lock file blocks the device while its advisory lock is held; once that
+// is free (its holder died) the file is taken over.
+TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
     g_usb->Add(Vyrix(2));
-    { std::ofstream(UsbLock(1, 2)) << ""; }
+    const int held = open(UsbLock(1, 2).c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    ASSERT_GE(held, 0);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
     CUsbPort port;
     EXPECT_EQ(port.OpenPort(), 0x16000000u);
     EXPECT_TRUE(vt::FileExists(UsbLock(1, 2)));  // not ours to remove
+    close(held);
+    EXPECT_EQ(port.OpenPort(), kOk) << Log();
+    EXPECT_NE(Log().find("<INFO> CreateLockFile: Stale lock file " + UsbLock(1, 2) + " taken over.\n"),
+              std::string::npos);
+    EXPECT_EQ(port.ClosePort(), kOk);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
 }
 
 TEST_F(Usb, NoDeviceOrWrongIdentity) {
