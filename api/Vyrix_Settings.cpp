@@ -42,7 +42,8 @@ Vyrix_ReturnStatus Vyrix_SetBrightness(void* handle, uint8_t brightness, Vyrix_V
 }
 
 Vyrix_ReturnStatus Vyrix_GetBrightness(void* handle, uint8_t* brightness, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && GetStorage(storage) && brightness, eOP_GET_BRIGHTNESS, {U32(storage)}, {Out(brightness)});
+    return Get(handle, handle && GetStorage(storage) && brightness, eOP_GET_BRIGHTNESS, {U32(storage)},
+               {Out(brightness)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetColorMode(void* handle, int32_t colorMode, Vyrix_ValueStorageTypeE storage) {
@@ -51,7 +52,8 @@ Vyrix_ReturnStatus Vyrix_SetColorMode(void* handle, int32_t colorMode, Vyrix_Val
 }
 
 Vyrix_ReturnStatus Vyrix_GetColorMode(void* handle, int32_t* colorMode, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && GetStorage(storage) && colorMode, eOP_GET_COLOR_MODE, {U32(storage)}, {Out(colorMode)});
+    return Get(handle, handle && GetStorage(storage) && colorMode, eOP_GET_COLOR_MODE, {U32(storage)},
+               {Out(colorMode)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetGamma(void* handle, uint32_t channel, float gamma, Vyrix_ValueStorageTypeE storage) {
@@ -60,19 +62,20 @@ Vyrix_ReturnStatus Vyrix_SetGamma(void* handle, uint32_t channel, float gamma, V
 }
 
 Vyrix_ReturnStatus Vyrix_GetGamma(void* handle, uint32_t channel, float* gamma, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && GetStorage(storage) && gamma, eOP_GET_GAMMA, {U32(channel), U32(storage)}, {Out(gamma)});
+    return Get(handle, handle && GetStorage(storage) && gamma, eOP_GET_GAMMA, {U32(channel), U32(storage)},
+               {Out(gamma)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t mode,
                                                 Vyrix_ValueStorageTypeE storage) {
-    return Set(handle, handle && channel < kGammaBoostChannels && SetStorage(storage) && OnOff(mode), eOP_SET_VIDEO_GAMMA_BOOST,
-               {U32(channel), U32(mode), U32(storage)});
+    return Set(handle, handle && channel < kGammaBoostChannels && SetStorage(storage) && OnOff(mode),
+               eOP_SET_VIDEO_GAMMA_BOOST, {U32(channel), U32(mode), U32(storage)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t* mode,
                                                 Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && channel < kGammaBoostChannels && GetStorage(storage) && mode, eOP_GET_VIDEO_GAMMA_BOOST,
-               {U32(channel), U32(storage)}, {Out(mode)});
+    return Get(handle, handle && channel < kGammaBoostChannels && GetStorage(storage) && mode,
+               eOP_GET_VIDEO_GAMMA_BOOST, {U32(channel), U32(storage)}, {Out(mode)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetMicroWeaveMode(void* handle, uint32_t mode, Vyrix_ValueStorageTypeE storage) {
@@ -89,7 +92,8 @@ Vyrix_ReturnStatus Vyrix_SetFlipState(void* handle, uint32_t flipState, Vyrix_Va
 }
 
 Vyrix_ReturnStatus Vyrix_GetFlipState(void* handle, uint32_t* flipState, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && GetStorage(storage) && flipState, eOP_GET_FLIP_STATE, {U32(storage)}, {Out(flipState)});
+    return Get(handle, handle && GetStorage(storage) && flipState, eOP_GET_FLIP_STATE, {U32(storage)},
+               {Out(flipState)});
 }
 
 Vyrix_ReturnStatus Vyrix_SetOutputVideoState(void* handle, uint32_t state, uint32_t storage) {
@@ -97,7 +101,8 @@ Vyrix_ReturnStatus Vyrix_SetOutputVideoState(void* handle, uint32_t state, uint3
 }
 
 Vyrix_ReturnStatus Vyrix_GetOutputVideoState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && GetStorage(storage) && state, eOP_GET_OUTPUT_VIDEO_STATE, {U32(storage)}, {Out(state)});
+    return Get(handle, handle && GetStorage(storage) && state, eOP_GET_OUTPUT_VIDEO_STATE, {U32(storage)},
+               {Out(state)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPropertiesS* properties) {
@@ -107,8 +112,8 @@ Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPrope
 }
 
 Vyrix_ReturnStatus Vyrix_SetBiPhase(void* handle, int16_t biPhase, Vyrix_ValueStorageTypeE storage) {
-    return Set(handle, handle && SetStorage(storage) && biPhase >= -kBiPhaseLimit && biPhase <= kBiPhaseLimit, eOP_SET_BIPHASE,
-               {I16(biPhase), U32(storage)});
+    return Set(handle, handle && SetStorage(storage) && biPhase >= -kBiPhaseLimit && biPhase <= kBiPhaseLimit,
+               eOP_SET_BIPHASE, {I16(biPhase), U32(storage)});
 }
 
 Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueStorageTypeE storage) {
@@ -117,7 +122,8 @@ Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueS
 
 Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t offset,
                                            Vyrix_ValueStorageTypeE storage) {
-    return Set(handle, handle && SetStorage(storage) && OnOff(selector1) && selector2 >= 0 && selector2 <= kMaxSelector2 &&
+    return Set(handle,
+               handle && SetStorage(storage) && OnOff(selector1) && selector2 >= 0 && selector2 <= kMaxSelector2 &&
                    offset >= -kAlignmentLimit && offset <= kAlignmentLimit,
                eOP_SET_COLOR_ALIGNMENT,
                {U32(selector1), U32(static_cast<uint32_t>(selector2)), F32(static_cast<float>(offset)), U32(storage)});
@@ -125,7 +131,8 @@ Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int
 
 Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t* offset,
                                            Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, 
+    return Get(
+        handle,
         handle && selector2 >= 0 && selector2 <= kMaxSelector2 && OnOff(selector1) && GetStorage(storage) && offset,
         eOP_GET_COLOR_ALIGNMENT, {U32(selector1), U32(static_cast<uint32_t>(selector2)), U32(storage)},
         {OutTruncated(offset)});
@@ -133,7 +140,8 @@ Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int
 
 Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value,
                                            Vyrix_ValueStorageTypeE storage) {
-    return Set(handle, handle && SetStorage(storage) && index >= 0 && index <= kMaxConverterIndex &&
+    return Set(handle,
+               handle && SetStorage(storage) && index >= 0 && index <= kMaxConverterIndex &&
                    value >= kMinConverterValue && value <= kMaxConverterValue,
                eOP_SET_COLOR_CONVERTER,
                {U32(static_cast<uint32_t>(index)), I32(value), I32(static_cast<int32_t>(storage))});
@@ -162,8 +170,8 @@ Vyrix_ReturnStatus Vyrix_SetSensingState(void* handle, uint32_t state, Vyrix_Val
 }
 
 Vyrix_ReturnStatus Vyrix_GetSensingState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage) {
-    return Get(handle, handle && state && GetStorage(storage), eOP_GET_SENSING_STATE, {I32(static_cast<int32_t>(storage))},
-               {Out(state)});
+    return Get(handle, handle && state && GetStorage(storage), eOP_GET_SENSING_STATE,
+               {I32(static_cast<int32_t>(storage))}, {Out(state)});
 }
 
 }  // extern "C"

@@ -27,6 +27,7 @@ void CCallbackDispatcher::Attach() {
     s_state = std::make_shared<State>();
     std::shared_ptr<State> state = s_state;
     state->thread = std::thread([state] { Run(state); });
+    pthread_setname_np(state->thread.native_handle(), "vyrix-callback");
 }
 
 void CCallbackDispatcher::Detach() {
@@ -62,7 +63,6 @@ void CCallbackDispatcher::Post() {
 }
 
 void CCallbackDispatcher::Run(const std::shared_ptr<State>& state) {
-    pthread_setname_np(pthread_self(), "vyrix-callback");
     std::unique_lock<std::mutex> lock(state->mutex);
     for (;;) {
         state->posted.wait(lock, [&] { return state->stop || state->pending > 0; });

@@ -28,7 +28,7 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage,
     CCallbackDispatcher::Attach();
     m_dispatching = true;
     m_bConnected = true;
-    r = m_thread.createThread(ReadThreadRoutine, this);
+    r = m_thread.createThread(ReadThreadRoutine, this, "vyrix-receive");
     if (r != RC_OK) {
         if (logThreadFailure) LlcLog("<ERROR> %s: Read Thread Creation failed\n", "OpenPort");
         ClosePort();
@@ -70,7 +70,6 @@ int CCommHandler::ReadThreadRoutine(void* arg) {
 // read waits at most KT_PACKET_GAP_MS, after which the packet is given up
 // and its bytes searched again.
 void CCommHandler::ReceiveLoop() {
-    pthread_setname_np(pthread_self(), "vyrix-receive");
     BYTE buf[KT_XLNK_MAX_PACKET];
     while (!m_closing) {
         const bool inPacket = m_msgHandler.InPacket();
@@ -175,8 +174,8 @@ Vyrix_ReturnStatus CCommHandler::WriteLocked(const BYTE* packet, size_t length, 
         LlcLog("<ERROR> %s :Port not opened \n", function);
         return RC(eVYRIX_FAILURE);
     }
-    Vyrix_ReturnStatus r = m_bConnected ? m_port->WritePort(packet, static_cast<unsigned short>(length))
-                                        : RC(eVYRIX_NOT_CONNECTED);
+    Vyrix_ReturnStatus r =
+        m_bConnected ? m_port->WritePort(packet, static_cast<unsigned short>(length)) : RC(eVYRIX_NOT_CONNECTED);
     if (HasCode(r, eVYRIX_NOT_CONNECTED)) {
         m_bConnected = false;
         LlcLog("<ERROR> %s :Error writing data to port\n", function);

@@ -28,9 +28,9 @@ constexpr const char* KT_LOG_FILE_NAME = "Vyrix_SDK.log";
 constexpr const char* KT_LOG_FILE_PREFIX = "Vyrix_SDK";
 
 // Waiting and retrying.
-constexpr unsigned KT_REMOVE_POLL_MS = 100;      // one period of a reply wait
-constexpr unsigned KT_RESEND_COUNT = 11;         // resends on a broadcast-addressed reply
-constexpr unsigned KT_RESEND_MAX_POLLS = 1000;   // periods to wait for each resent reply
+constexpr unsigned KT_REMOVE_POLL_MS = 100;     // one period of a reply wait
+constexpr unsigned KT_RESEND_COUNT = 11;        // resends on a broadcast-addressed reply
+constexpr unsigned KT_RESEND_MAX_POLLS = 1000;  // periods to wait for each resent reply
 constexpr unsigned KT_NO_RETRY_COPY_PAUSE_MS = 1000;
 constexpr unsigned KT_THREAD_CLOSE_POLL_MS = 250;  // "Thread still active!!" period
 constexpr unsigned KT_PACKET_GAP_MS = 200;         // silence inside a packet that abandons it

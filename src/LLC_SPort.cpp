@@ -78,8 +78,7 @@ Vyrix_ReturnStatus CSPort::OpenPort() {
     return Open(m_named ? m_configuredName.c_str() : nullptr, m_dwBaud, m_cParity, m_nByteSize, m_fStop);
 }
 
-Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char cParity, int nByteSize,
-                                float fStop) {
+Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char cParity, int nByteSize, float fStop) {
     if (portName == nullptr) {
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);

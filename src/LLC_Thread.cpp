@@ -9,7 +9,7 @@ CThreadObject::~CThreadObject() {
     if (m_started) CloseThread();
 }
 
-Vyrix_ReturnStatus CThreadObject::createThread(KT_THREAD_ROUTINE userProcess, void* userData) {
+Vyrix_ReturnStatus CThreadObject::createThread(KT_THREAD_ROUTINE userProcess, void* userData, const char* name) {
     if (userProcess == nullptr) return RC(eVYRIX_INVALID_ARGUMENT);
     if (m_started) return RC(eVYRIX_FAILURE);
     m_userRoutine = userProcess;
@@ -27,6 +27,7 @@ Vyrix_ReturnStatus CThreadObject::createThread(KT_THREAD_ROUTINE userProcess, vo
         LlcLog("<ERROR> %s: Error Creating Thread. %d\n", "createThread", err);
         return RC(eVYRIX_FAILURE);
     }
+    if (name != nullptr) pthread_setname_np(m_threadID, name);
     m_started = true;
     return RC_OK;
 }

@@ -20,8 +20,9 @@ public:
     CThreadObject& operator=(const CThreadObject&) = delete;
 
     // 0; 0x5000000 for a null routine; 0x1000000 when a thread exists
-    // already or cannot be made.
-    Vyrix_ReturnStatus createThread(KT_THREAD_ROUTINE userProcess, void* userData);
+    // already or cannot be made.  `name` (at most 15 characters) is what
+    // tools such as top show for the thread.
+    Vyrix_ReturnStatus createThread(KT_THREAD_ROUTINE userProcess, void* userData, const char* name = nullptr);
 
     // Waits until the worker has returned, then joins it.  It does not stop
     // the worker: the owner ends its loop first.  "Thread still active!!" is

@@ -23,9 +23,9 @@ bool RuntimeFileName(char* out, size_t size, const char* fmt, ...) __attribute__
 
 // Writes all `len` bytes with `write` (a write(2)-like call on the
 // non-blocking descriptor `fd`), waiting in `waiter` while the device does
-// not take more.  0; 0x1000000 after logging any other failure or when no
-// byte went out for KT_WRITE_STALL_MS; 0x16000000 when the other end hung up
-// or the port is being closed.
+// not take more.  0; 0x16000000 when the other end hung up or the port is
+// being closed; 0x1000000 after logging any other failure, or when no byte
+// went out for KT_WRITE_STALL_MS.
 template <typename WriteFn>
 Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, int fd, CPortWaiter& waiter, WriteFn write) {
     size_t done = 0;
@@ -47,7 +47,9 @@ Vyrix_ReturnStatus WriteWithRetry(const unsigned char* buf, size_t len, int fd, 
             if (outcome != CPortWaiter::kTimeout) return RC(eVYRIX_NOT_CONNECTED);
         }
         LlcLog("<ERROR> %s: Write Failed.\n", "WritePort");
-        return RC(eVYRIX_FAILURE);
+        // A hung-up line or a reset stream: the device is gone.
+        const bool gone = n < 0 && (errno == EIO || errno == EPIPE || errno == ECONNRESET || errno == ENXIO);
+        return RC(gone ? eVYRIX_NOT_CONNECTED : eVYRIX_FAILURE);
     }
     return RC_OK;
 }

@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "DeviceSimulator.h"
@@ -21,16 +23,66 @@ inline std::string SerialLockName(const std::string& path) {
     return RuntimeDir() + "/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
 }
 
+// Counts the calls of the connectionless callback (process-wide, as the
+// callback is) and lets a test wait for them.
+class CallbackCounter {
+public:
+    static CallbackCounter& Instance() {
+        static CallbackCounter counter;
+        return counter;
+    }
+    static Vyrix_ReturnStatus Callback(void*) {
+        CallbackCounter& self = Instance();
+        std::lock_guard<std::mutex> lock(self.mutex_);
+        ++self.calls_;
+        self.called_.notify_all();
+        return eVYRIX_RETURN_SUCCESS;
+    }
+    bool WaitFor(int calls, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return called_.wait_for(lock, limit, [&] { return calls_ >= calls; });
+    }
+    int Calls() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return calls_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable called_;
+    int calls_ = 0;
+};
+
+// Takes the next connectionless message's payload ({} when none).
+inline Bytes TakeMessage() {
+    Bytes payload(4096, 0);
+    KtXlnkMsgS msg{0, 0, 0, 0, 0, payload.data()};
+    if (KtRemoveConnectionlessMsg(&msg) != 0) return {};
+    payload.resize(msg.payloadLen);
+    return payload;
+}
+
+// Returns once the receive thread has handled everything the device sent
+// before: the device sends a message of its own after it, and the message's
+// callback comes after all that.
+inline void Fence(vyrix::sim::DeviceSimulator& sim) {
+    const Bytes fence = {0x2A, 0x2A, 0xFE};
+    CallbackCounter& counter = CallbackCounter::Instance();
+    ASSERT_EQ(KtRegisterCallback(CallbackCounter::Callback), 0u);
+    const int before = counter.Calls();
+    sim.SendUnsolicited(fence);
+    ASSERT_TRUE(counter.WaitFor(before + 1));
+    ASSERT_EQ(TakeMessage(), fence);
+}
+
 class SimLink : public ::testing::Test {
 protected:
     void SetUp() override {
         sim = vyrix::sim::DeviceSimulator::OverPty();
-        unlink(SerialLockName(sim->SlavePath()).c_str());  // stale: the terminal is new
         ASSERT_EQ(KtOpenSerialPortByName(sim->SlavePath().c_str(), 57600), 0u);
     }
     void TearDown() override {
         KtCloseSerialPort();
-        unlink(SerialLockName(sim->SlavePath()).c_str());
         sim.reset();
     }
 
@@ -51,48 +103,11 @@ protected:
         return r;
     }
 
+    static Bytes TakeMessage() { return vt::TakeMessage(); }
+
+    void Fence() { vt::Fence(*sim); }
+
     std::string Log() { return ReadFile(LogPath()); }
-
-    size_t SplitEntries() {
-        const std::string log = Log();
-        size_t n = 0;
-        for (size_t at = log.find(kSplitEntry); at != std::string::npos; at = log.find(kSplitEntry, at + 1)) ++n;
-        return n;
-    }
-
-    // Writes the first bytes of a packet (ending inside its payload) and
-    // waits until the parser says it has read them.  False when the bytes
-    // went unparsed (they shared a read with the end of a packet before).
-    bool WriteHead(const Bytes& packet, std::chrono::milliseconds limit) {
-        const size_t before = SplitEntries();
-        sim->SendRaw(Bytes(packet.begin(), packet.begin() + kHeadBytes));
-        return Eventually([&] { return SplitEntries() > before; }, limit);
-    }
-
-    // Sends a device packet and returns once the receive thread has handled
-    // it.  The receive thread parses one packet per read, so packets that
-    // must each be seen are kept apart this way: the packet goes in two
-    // writes, and a second packet is started after it until the parser
-    // reports reading that one on its own.
-    void SendSettled(const Bytes& packet) {
-        ASSERT_GT(packet.size(), kHeadBytes + 2);
-        ASSERT_TRUE(WriteHead(packet, std::chrono::seconds(5)));
-        sim->SendRaw(Bytes(packet.begin() + kHeadBytes, packet.end()));
-        const Bytes fence = vyrix::sim::EncodeDevicePacket(2, 0, 0, {0x2A, 0x2A, 0xFE, 0xFE});
-        for (int attempt = 0; !WriteHead(fence, std::chrono::milliseconds(300)); ++attempt)
-            ASSERT_LT(attempt, 20) << "the receive thread does not read";
-        // The fence ends with a wrong checksum: the parser drops it and
-        // keeps seeking in the same read, so it cannot hide what follows.
-        Bytes tail(fence.begin() + kHeadBytes, fence.end());
-        tail.back() ^= 0xFF;
-        sim->SendRaw(tail);
-    }
-    void SendSettled(const vyrix::sim::Reply& reply) {
-        SendSettled(vyrix::sim::EncodeDevicePacket(reply.destination, reply.source, reply.protocol, reply.payload));
-    }
-
-    static constexpr size_t kHeadBytes = 6;  // start, header, one payload byte
-    static constexpr const char* kSplitEntry = "Payload not completely present";
 
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
 };

@@ -89,6 +89,24 @@ inline int NonGlibThreads() {
     }
     return n;
 }
+// Context switches so far of the threads named `name` (-1: none is there).
+inline long ContextSwitches(const std::string& name) {
+    long total = -1;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            const std::string task = std::string("/proc/self/task/") + e->d_name;
+            if (ReadFile(task + "/comm") != name + "\n") continue;
+            std::istringstream status(ReadFile(task + "/status"));
+            for (std::string line; std::getline(status, line);) {
+                if (line.find("ctxt_switches:") == std::string::npos) continue;
+                total = (total < 0 ? 0 : total) + std::stol(line.substr(line.find(':') + 1));
+            }
+        }
+        closedir(d);
+    }
+    return total;
+}
 inline int OpenFds() { return CountEntries("/proc/self/fd") - 1; }  // less opendir's own
 inline int Threads() { return CountEntries("/proc/self/task"); }
 

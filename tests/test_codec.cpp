@@ -33,24 +33,40 @@ Bytes DevicePacket(uint8_t destination, uint8_t protocol, const Bytes& payload, 
 struct Parsed {
     std::vector<KtXlnkMsgS> records;
     std::vector<Bytes> payloads;
-    std::vector<Vyrix_ReturnStatus> results;
+    std::vector<Vyrix_ReturnStatus> results;  // each chunk's last result
+    std::vector<size_t> counts;               // packets delivered after each chunk
 };
 
-// Feeds the chunks in order, one ParsePacket call each, and keeps what is
-// delivered (payload buffers freed).
+// Feeds the chunks in order as the receive loop does: the rest of a chunk
+// goes back to the parser until it needs more bytes.  Keeps what is
+// delivered (payload buffers freed) and each chunk's last result.
 Parsed Feed(CXlnkMsgHandler& parser, const std::vector<Bytes>& chunks) {
     Parsed out;
     for (Bytes chunk : chunks) {
-        KtXlnkMsgS msg{};
-        Vyrix_ReturnStatus r = parser.ParsePacket(chunk.data(), static_cast<DWORD>(chunk.size()), &msg);
-        out.results.push_back(r);
-        if (r == 0) {
+        chunk.push_back(0);  // a valid address even for an empty chunk
+        DWORD offset = 0;
+        const DWORD size = static_cast<DWORD>(chunk.size() - 1);
+        for (;;) {
+            KtXlnkMsgS msg{};
+            Vyrix_ReturnStatus r = parser.ParsePacket(chunk.data() + offset, size - offset, &msg);
+            if (r != 0) {
+                out.results.push_back(r);
+                out.counts.push_back(out.records.size());
+                break;
+            }
+            offset += parser.ConsumedBytes();
             out.records.push_back(msg);
             out.payloads.emplace_back(msg.pPayload, msg.pPayload + msg.payloadLen);
             delete[] msg.pPayload;
         }
     }
     return out;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
 }
 
 class Codec : public ::testing::Test {
@@ -131,8 +147,7 @@ TEST_F(Codec, PacketSplitAnywhereIsDeliveredOnceWhenItsChecksumArrives) {
         Parsed p =
             Feed(parser, {Bytes(packet.begin(), packet.begin() + cut), Bytes(packet.begin() + cut, packet.end())});
         ASSERT_EQ(p.records.size(), 1u) << "cut after " << cut;
-        EXPECT_EQ(p.results[0], 0x01000000u);
-        EXPECT_EQ(p.results[1], 0u);
+        EXPECT_EQ(p.counts, (std::vector<size_t>{0, 1}));
         EXPECT_EQ(p.payloads[0], Bytes(packet.begin() + 5, packet.end() - 1));
     }
     for (size_t a = 1; a < packet.size(); ++a) {
@@ -142,7 +157,7 @@ TEST_F(Codec, PacketSplitAnywhereIsDeliveredOnceWhenItsChecksumArrives) {
                 Feed(parser, {Bytes(packet.begin(), packet.begin() + a), Bytes(packet.begin() + a, packet.begin() + b),
                               Bytes(packet.begin() + b, packet.end())});
             ASSERT_EQ(p.records.size(), 1u) << a << "/" << b;
-            EXPECT_EQ(p.results[2], 0u);
+            EXPECT_EQ(p.counts, (std::vector<size_t>{0, 0, 1}));
         }
     }
 }
@@ -170,23 +185,51 @@ TEST_F(Codec, NoiseWithoutStartByteIsSkippedSilently) {
     EXPECT_EQ(Log(), before);
 }
 
-TEST_F(Codec, StrayStartByteLosesTheRealPacket) {
-    CXlnkMsgHandler parser;
-    Bytes chunk = {0xC0};
-    Bytes packet = DevicePacket(2, 1, {9});
-    chunk.insert(chunk.end(), packet.begin(), packet.end());
-    Parsed p = Feed(parser, {chunk});
-    EXPECT_TRUE(p.records.empty());
-    EXPECT_EQ(p.results[0], 0x01000000u);
+// A false start never costs the packet behind it: parsing resumes at the
+// byte after the abandoned start byte, in the same chunk or the next.
+TEST_F(Codec, PacketBehindAFalseStartIsFound) {
+    const Bytes packet = DevicePacket(2, 1, {9});
+    const Bytes shortBogus = {0xC0, 0x02, 0x00, 0x10, 0x03};  // its payload swallows the real start
+    const struct {
+        const char* what;
+        std::vector<Bytes> chunks;
+    } cases[] = {
+        {"stray start byte", {Concat({{0xC0}, packet})}},
+        {"stray start byte, split", {{0xC0, 0xC0}, Bytes(packet.begin() + 1, packet.end())}},
+        {"checksum mismatch inside", {Concat({shortBogus, packet, packet})}},
+        {"two false starts", {Concat({{0xC0, 0xC0, 0xC0}, packet})}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        CXlnkMsgHandler parser;
+        Parsed p = Feed(parser, c.chunks);
+        ASSERT_GE(p.records.size(), 1u);
+        for (const Bytes& payload : p.payloads) EXPECT_EQ(payload, Bytes{9});
+        EXPECT_EQ(parser.State(), ePARSE_START);
+    }
     const std::string log = Log();
     size_t invalid = log.find("<ERROR> ParseHeader :Invalid destination id in buffer\n");
     size_t notFound = log.find("<ERROR> ParseHeader :Valid header not found in buffer\n");
     ASSERT_NE(invalid, std::string::npos);
     ASSERT_NE(notFound, std::string::npos);
     EXPECT_LT(invalid, notFound);
-    // The parser is seeking again: the next packet comes through.
-    Parsed next = Feed(parser, {packet});
-    EXPECT_EQ(next.records.size(), 1u);
+}
+
+// A header that claims more bytes than come: once the line goes quiet the
+// receive loop abandons it, and the packets it swallowed come out in order.
+TEST_F(Codec, AbandonedPacketGivesBackWhatItSwallowed) {
+    CXlnkMsgHandler parser;
+    Parsed p =
+        Feed(parser, {Concat({{0xC0, 0x02, 0x00, 0x0F, 0xFF}, DevicePacket(2, 1, {1}), DevicePacket(2, 0, {2})})});
+    EXPECT_TRUE(p.records.empty());
+    EXPECT_TRUE(parser.InPacket());
+    parser.AbandonPacket();
+    Parsed after = Feed(parser, {{}});
+    ASSERT_EQ(after.payloads, (std::vector<Bytes>{{1}, {2}}));
+    EXPECT_EQ(after.records[1].protocolID, 0);
+    EXPECT_FALSE(parser.InPacket());
+    parser.AbandonPacket();  // nothing started: nothing happens
+    EXPECT_TRUE(Feed(parser, {{}}).records.empty());
 }
 
 TEST_F(Codec, PriorityBitsRejectTheHeaderWithOneMessage) {
@@ -224,16 +267,18 @@ TEST_F(Codec, ZeroLengthPacketIsAccepted) {
     EXPECT_EQ(p.records[0].sourceID, 3);
 }
 
-TEST_F(Codec, OneCallDeliversOnePacket) {
+TEST_F(Codec, OneCallDeliversOnePacketAndTheRestFollows) {
     CXlnkMsgHandler parser;
-    Bytes chunk = DevicePacket(2, 1, {1});
-    Bytes second = DevicePacket(2, 1, {2});
-    chunk.insert(chunk.end(), second.begin(), second.end());
-    Parsed p = Feed(parser, {chunk});
-    ASSERT_EQ(p.records.size(), 1u);
-    EXPECT_EQ(p.payloads[0], Bytes{1});
+    Bytes chunk = Concat({DevicePacket(2, 1, {1}), DevicePacket(2, 1, {2})});
+    KtXlnkMsgS msg{};
+    ASSERT_EQ(parser.ParsePacket(chunk.data(), static_cast<DWORD>(chunk.size()), &msg), 0u);
+    EXPECT_EQ(msg.pPayload[0], 1);
+    delete[] msg.pPayload;
     EXPECT_EQ(parser.ConsumedBytes(), 7u);
-    EXPECT_EQ(parser.State(), ePARSE_START);
+    ASSERT_EQ(parser.ParsePacket(chunk.data() + 7, static_cast<DWORD>(chunk.size() - 7), &msg), 0u);
+    EXPECT_EQ(msg.pPayload[0], 2);
+    delete[] msg.pPayload;
+    EXPECT_EQ(parser.ParsePacket(chunk.data() + 14, 0, &msg), 0x01000000u);
 }
 
 TEST_F(Codec, BadChecksumIsNeverDeliveredAndParsingGoesOn) {
@@ -244,13 +289,8 @@ TEST_F(Codec, BadChecksumIsNeverDeliveredAndParsingGoesOn) {
     EXPECT_EQ(alone.results[0], 0x01000000u);
     EXPECT_TRUE(alone.records.empty());
     EXPECT_NE(Log().find("<ERROR> ParsePacket :Invalid checksum in buffer\n"), std::string::npos);
-
-    Bytes chunk = bad;
-    Bytes good = DevicePacket(2, 1, {4, 5});
-    chunk.insert(chunk.end(), good.begin(), good.end());
-    Parsed both = Feed(parser, {chunk});
-    ASSERT_EQ(both.records.size(), 1u);  // found in the same call
-    EXPECT_EQ(both.payloads[0], (Bytes{4, 5}));
+    Parsed both = Feed(parser, {Concat({bad, DevicePacket(2, 1, {4, 5})})});
+    ASSERT_EQ(both.payloads, std::vector<Bytes>{(Bytes{4, 5})});  // found in the same chunk
 }
 
 TEST_F(Codec, NullArgumentsAndEmptyChunk) {
@@ -303,6 +343,30 @@ TEST(CodecRoundTrip, RandomRecordsUnderRandomChunking) {
         EXPECT_EQ(p.payloads[0], payload);
         EXPECT_EQ(p.records[0].sourceID, 3);
     }
+}
+
+// A long stream of packets cut at random points and glued in random groups:
+// every packet comes out once, in order.
+TEST(CodecRoundTrip, TenThousandPacketsInRandomChunksArriveInOrder) {
+    std::mt19937 rng(20261123);
+    Bytes stream;
+    std::vector<Bytes> sent;
+    for (int i = 0; i < 10000; ++i) {
+        Bytes payload(rng() % 64);
+        for (auto& b : payload) b = static_cast<uint8_t>(rng());
+        const Bytes packet = DevicePacket(rng() % 4 ? 2 : 63, rng() & 1, payload, rng() & 1 ? 3 : 0);
+        stream.insert(stream.end(), packet.begin(), packet.end());
+        sent.push_back(payload);
+    }
+    std::vector<Bytes> chunks;
+    for (size_t at = 0; at < stream.size();) {
+        size_t n = std::min<size_t>(rng() % 4101, stream.size() - at);
+        chunks.emplace_back(stream.begin() + at, stream.begin() + at + n);
+        at += n;
+    }
+    CXlnkMsgHandler parser;
+    Parsed p = Feed(parser, chunks);
+    EXPECT_EQ(p.payloads, sent);
 }
 
 }  // namespace

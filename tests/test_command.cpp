@@ -8,8 +8,6 @@
 #include "LLC_CommHandler.h"
 #include "LLC_SyncObject.h"
 
-extern CCommHandler* g_pSerialCommHandler;
-
 namespace {
 
 using vt::Answering;
@@ -135,7 +133,7 @@ TEST_F(Transport, StaleRepliesAreFlushedBeforeACommand) {
     KtXlnkMsgS msg{2, 0, 0, 1, 4, raw.data()};
     ASSERT_EQ(KtSendMsg(msg), 0u);
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
-    ASSERT_TRUE(vt::Eventually([] { return g_pSerialCommHandler->QueuedRecords(eCONNECTION_ORIENTED) == 1; }));
+    vt::Fence(*sim);  // its reply is queued
     unsigned char* reply = nullptr;
     unsigned short length = 0;
     sim->SetResponder(Answering({0x77}));

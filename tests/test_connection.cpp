@@ -2,10 +2,11 @@
 // with its matching rules, closing one entry and closing them all.
 #include <gtest/gtest.h>
 
+#include <future>
+#include <set>
+
 #include "ApiLink.h"
 #include "LLC_CommHandler.h"
-
-extern CCommHandler* g_pSerialCommHandler;
 
 namespace {
 
@@ -57,18 +58,18 @@ TEST(ConnectionChecks, RecordsAreRefusedBeforeAnyPortIsTouched) {
     EXPECT_EQ(Vyrix_OpenConnection(nullptr, &conn, UartRecord("/dev/vyrix-x")), 0x05000000u);
     EXPECT_EQ(Vyrix_OpenConnection(library, nullptr, UartRecord("/dev/vyrix-x")), 0x05000000u);
     EXPECT_FALSE(LogExists());  // no port was opened: the log never started
-    EXPECT_EQ(g_pSerialCommHandler, nullptr);
+    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
     EXPECT_TRUE(g_pLibCtx->connections.empty());
     Vyrix_CloseLibrary(library);
 }
 
 TEST_F(Connections, OpenStoresTheRecordWithTheApplicationsPointers) {
     ASSERT_EQ(g_pLibCtx->connections.size(), 1u);
-    EXPECT_EQ(connection, g_pLibCtx->connections[0]);
-    const Vyrix_ConnectionInfoS& stored = *g_pLibCtx->connections[0];
+    EXPECT_EQ(connection, static_cast<void*>(g_pLibCtx->connections[0]));
+    const Vyrix_ConnectionInfoS& stored = g_pLibCtx->connections[0]->info;
     EXPECT_EQ(stored.connectionType, eVYRIX_CONNECTION_UART);
     EXPECT_EQ(stored.uartInfo.pPortName, path.c_str());
-    EXPECT_NE(g_pSerialCommHandler, nullptr);
+    EXPECT_EQ(KtCheckSerialPort(), 0u);
     EXPECT_TRUE(vt::FileExists(vt::SerialLockName(path)));
 }
 
@@ -109,18 +110,18 @@ TEST(ConnectionTable, SerialNamesMatchOnTheirFirstElevenCharacters) {
 
 TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {
     // A Bluetooth entry that was never opened stands behind the serial one.
-    auto* bth = new Vyrix_ConnectionInfoS{};
-    bth->connectionType = eVYRIX_CONNECTION_BTH;
-    bth->bthInfo = Vyrix_BTHInfoS{"00:11:22:33:44:55", ""};
+    auto* bth = new Vyrix_Connection{};
+    bth->info.connectionType = eVYRIX_CONNECTION_BTH;
+    bth->info.bthInfo = Vyrix_BTHInfoS{"00:11:22:33:44:55", ""};
     g_pLibCtx->connections.push_back(bth);
     unsigned index = 0;
-    EXPECT_EQ(GetConnectionHandleIndex(*bth, &index), 0x18000000u);
+    EXPECT_EQ(GetConnectionHandleIndex(bth->info, &index), 0x18000000u);
     EXPECT_EQ(index, 1u);
 
     EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
     ASSERT_EQ(g_pLibCtx->connections.size(), 1u);
     EXPECT_EQ(g_pLibCtx->connections[0], bth);
-    EXPECT_EQ(g_pSerialCommHandler, nullptr);
+    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists(vt::SerialLockName(path)));
 
     EXPECT_EQ(Vyrix_CloseConnection(nullptr), 0x05000000u);
@@ -139,12 +140,72 @@ TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {
 
 TEST_F(Connections, ClosingTheLibraryClosesEveryConnection) {
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
-    EXPECT_EQ(g_pSerialCommHandler, nullptr);
+    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists(vt::SerialLockName(path)));
     EXPECT_FALSE(LogExists());
     // And the device can be connected again.
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
     EXPECT_EQ(Vyrix_OpenConnection(library, &connection, UartRecord(path.c_str())), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+using vt::ApiLink;
+using vt::UartRecord;
+
+class Handles : public ApiLink {
+protected:
+    void Silence() {
+        vyrix::sim::Faults silent;
+        silent.silent = true;
+        sim->SetFaults(silent);
+    }
+};
+
+// A closed handle stays dead: it never names a newer connection, and using
+// it touches nothing.
+TEST_F(Handles, ClosedHandleNeverNamesANewerConnection) {
+    void* closed = connection;
+    ASSERT_EQ(Vyrix_CloseConnection(closed), 0u);
+    std::set<void*> handles = {closed};
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(Vyrix_OpenConnection(library, &connection, UartRecord(path.c_str())), 0u);
+        EXPECT_TRUE(handles.insert(connection).second) << "a handle was handed out again";
+        EXPECT_EQ(Vyrix_CloseConnection(closed), 0x05000000u);
+        EXPECT_EQ(Vyrix_SetReplyTimeout(closed, 100), 0x05000000u);
+        EXPECT_EQ(KtCheckSerialPort(), 0u);  // the new one is still open
+        ASSERT_EQ(Vyrix_CloseConnection(connection), 0u);
+        EXPECT_EQ(Vyrix_CloseConnection(connection), 0x05000000u);
+        closed = connection;
+    }
+}
+
+TEST_F(Handles, ReplyTimeoutIsTheConnections) {
+    Silence();
+    EXPECT_EQ(Vyrix_SetReplyTimeout(nullptr, 100), 0x05000000u);
+    ASSERT_EQ(Vyrix_SetReplyTimeout(connection, 300), 0u);
+    uint8_t brightness = 0;
+    vt::Stopwatch watch;
+    EXPECT_EQ(Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT), 0x07000000u);
+    EXPECT_GE(watch.Ms(), 295);
+    EXPECT_LT(watch.Ms(), 5000);
+}
+
+// A close on another thread ends a command that waits for its reply; the
+// command never touches the closed connection's memory.
+TEST_F(Handles, CloseDuringACommandEndsItWithNotConnected) {
+    Silence();
+    auto command = std::async(std::launch::async, [&] {
+        uint8_t brightness = 0;
+        return Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT);
+    });
+    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));
+    vt::Stopwatch watch;
+    EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
+    EXPECT_EQ(command.get(), 0x16000000u);
+    EXPECT_LT(watch.Ms(), 1000);
 }
 
 }  // namespace

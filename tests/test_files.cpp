@@ -10,9 +10,9 @@
 
 #include <functional>
 
+#include <memory>
 #include "LLC_BTPort.h"
 #include "LLC_SPort.h"
-#include <memory>
 
 #include "PtyPair.h"
 #include "TestSupport.h"
