@@ -77,25 +77,25 @@ private:
     unsigned int m_saved;
 };
 
-Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);
-Vyrix_ReturnStatus CloseConnection(unsigned int index);
-int GetCOMPortNumber(const char* pName, const char* pPrefix);
+VYRIX_API Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);
+VYRIX_API Vyrix_ReturnStatus CloseConnection(unsigned int index);
+VYRIX_API int GetCOMPortNumber(const char* pName, const char* pPrefix);
 
 // Command transport.
-Vyrix_ReturnStatus AlcSendCommandParams(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
-                                        KtXlnkDeviceIdE deviceId);
-Vyrix_ReturnStatus AlcSendCommandGetReply(unsigned char opcode, unsigned char** ppReply, unsigned short* pReplyLen,
-                                          KtXlnkDeviceIdE deviceId);
-Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
-                                                unsigned char** ppReply, unsigned short* pReplyLen,
-                                                KtXlnkDeviceIdE deviceId);
-Vyrix_ReturnStatus SendXlnkMsg(unsigned char opcode, unsigned char* pPayload, unsigned short payloadLen,
-                               KtXlnkDeviceIdE deviceId);
-Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId);
-Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg);
-void FlushMsgQueue();
-Vyrix_ReturnStatus GetAck();
-void CopyMemory(void* pDst, void* pSrc, int count);
+VYRIX_API Vyrix_ReturnStatus AlcSendCommandParams(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                                  KtXlnkDeviceIdE deviceId);
+VYRIX_API Vyrix_ReturnStatus AlcSendCommandGetReply(unsigned char opcode, unsigned char** ppReply,
+                                                    unsigned short* pReplyLen, KtXlnkDeviceIdE deviceId);
+VYRIX_API Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                                          unsigned char** ppReply, unsigned short* pReplyLen,
+                                                          KtXlnkDeviceIdE deviceId);
+VYRIX_API Vyrix_ReturnStatus SendXlnkMsg(unsigned char opcode, unsigned char* pPayload, unsigned short payloadLen,
+                                         KtXlnkDeviceIdE deviceId);
+VYRIX_API Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId);
+VYRIX_API Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg);
+VYRIX_API void FlushMsgQueue();
+VYRIX_API Vyrix_ReturnStatus GetAck();
+VYRIX_API void CopyMemory(void* pDst, void* pSrc, int count);
 
 // Encoded size of one parameter record (0 for tags that contribute nothing).
 unsigned EncodedSize(const Vyrix_DataS& param);
@@ -110,13 +110,14 @@ Vyrix_ReturnStatus ReadReply(Vyrix_ReturnStatus result, unsigned char* reply, St
 
 // Bulk image and text transfer.
 typedef int (*VyrixProgressFn)(unsigned short*, unsigned short*, unsigned char*);
-Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned char* pData, unsigned int dataSize,
-                                              Vyrix_RenderTargetE target, Vyrix_PointS position, Vyrix_RectSizeS size,
-                                              KtXlnkDeviceIdE deviceId, VyrixProgressFn pfnProgress);
-Vyrix_ReturnStatus AlcDrawText(Vyrix_RenderTargetE target, const unsigned char* pText, unsigned short maxLen,
-                               Vyrix_PointS position, Vyrix_ColorS foreground, Vyrix_ColorS background);
-Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen, Vyrix_RectSizeS* pSize);
-void GetIndexStatus(unsigned short* pUpdateType, unsigned short* pCurIndex, unsigned short* pMaxIndex);
+VYRIX_API Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned char* pData,
+                                                        unsigned int dataSize, Vyrix_RenderTargetE target,
+                                                        Vyrix_PointS position, Vyrix_RectSizeS size,
+                                                        KtXlnkDeviceIdE deviceId, VyrixProgressFn pfnProgress);
+VYRIX_API Vyrix_ReturnStatus AlcDrawText(Vyrix_RenderTargetE target, const unsigned char* pText, unsigned short maxLen,
+                                         Vyrix_PointS position, Vyrix_ColorS foreground, Vyrix_ColorS background);
+VYRIX_API Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen, Vyrix_RectSizeS* pSize);
+VYRIX_API void GetIndexStatus(unsigned short* pUpdateType, unsigned short* pCurIndex, unsigned short* pMaxIndex);
 
 // Little-endian field access in payloads.
 inline uint16_t Le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }

@@ -12,6 +12,17 @@
 
 #include <stdint.h>
 
+/* Marks the functions that the shared library exports.  The library is
+ * built with hidden visibility and a version script; everything without
+ * this mark stays inside it. */
+#ifndef VYRIX_API
+#if defined(__GNUC__)
+#define VYRIX_API __attribute__((visibility("default")))
+#else
+#define VYRIX_API
+#endif
+#endif
+
 typedef enum Vyrix_ReturnCodeE {
     eVYRIX_SUCCESS = 0,          /* the operation succeeded */
     eVYRIX_FAILURE = 1,          /* a lock, allocation, validation or close failed */

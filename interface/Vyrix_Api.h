@@ -249,15 +249,15 @@ extern "C" {
 /* Open the library; *ppLibHandle receives the handle.  0x18000000 if open
  * already (tested first), 0x05000000 for a null pointer, 0x01000000 if the
  * lock or context cannot be made. */
-Vyrix_ReturnStatus Vyrix_OpenLibrary(void** ppLibHandle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_OpenLibrary(void** ppLibHandle);
 
 /* Version 1.3.0 build 0.  0x04000000 not open; 0x05000000 null argument. */
-Vyrix_ReturnStatus Vyrix_GetLibraryInfo(void* libHandle, Vyrix_LibraryInfoS* pInfo);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetLibraryInfo(void* libHandle, Vyrix_LibraryInfoS* pInfo);
 
 /* Close every connection (oldest first) and the library; it can be opened
  * again.  0x01000000 if a connection failed to close (the library is closed
  * all the same); 0x04000000 not open; 0x05000000 null handle. */
-Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle);
 
 /* ===== Connections ====================================================== */
 
@@ -268,7 +268,8 @@ Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle);
  * UART: name not null, baudRate 57600, flowControl 0/1, stopBits 1/2.  USB:
  * productID 4, serial number not null.  Bluetooth: address and pass key not
  * null.  Otherwise 0x05000000. */
-Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle, Vyrix_ConnectionInfoS connectionInfo);
+VYRIX_API Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle,
+                                                  Vyrix_ConnectionInfoS connectionInfo);
 
 /* Close a connection: 0; 0x05000000 null, unknown or already closed handle
  * (a closed handle is never handed out again for at least the next 65536
@@ -276,13 +277,13 @@ Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle, Vy
  * entry then stays).  Returns within milliseconds: the receive thread is
  * woken and joined.  A command waiting on this connection in another thread
  * returns 0x16000000 eVYRIX_NOT_CONNECTED. */
-Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle);
 
 /* Extension.  How long commands on this connection wait for the device's
  * reply, in milliseconds (rounded up to 100 ms); 0 restores the default of
  * about 750 s.  0; 0x04000000 library not open; 0x05000000 null, unknown or
  * closed handle.  Thread-safe. */
-Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int milliseconds);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int milliseconds);
 
 /* ===== Display and video settings ======================================= *
  * Set: storage 0 or 1, acknowledged by the device; the reply status word is
@@ -291,86 +292,91 @@ Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int millisec
  * outputs and returns 0x17000000; values a short reply lacks read as 0.
  * All reject a null handle or out pointer with 0x05000000.               */
 
-Vyrix_ReturnStatus Vyrix_GetInputVideoProperties(void* handle, uint16_t* width, uint16_t* height, float* frameRate);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetInputVideoProperties(void* handle, uint16_t* width, uint16_t* height,
+                                                           float* frameRate);
 /* state 0/1; storage passed on unchecked */
-Vyrix_ReturnStatus Vyrix_SetInputVideoState(void* handle, uint32_t state, uint32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetInputVideoState(void* handle, uint32_t state, uint32_t storage);
 /* storage passed on unchecked */
-Vyrix_ReturnStatus Vyrix_GetInputVideoState(void* handle, uint32_t* state, uint32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetInputVideoState(void* handle, uint32_t* state, uint32_t storage);
 /* brightness 0..100 */
-Vyrix_ReturnStatus Vyrix_SetBrightness(void* handle, uint8_t brightness, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetBrightness(void* handle, uint8_t* brightness, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetBrightness(void* handle, uint8_t brightness, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetBrightness(void* handle, uint8_t* brightness, Vyrix_ValueStorageTypeE storage);
 /* colorMode at most 4 */
-Vyrix_ReturnStatus Vyrix_SetColorMode(void* handle, int32_t colorMode, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetColorMode(void* handle, int32_t* colorMode, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetColorMode(void* handle, int32_t colorMode, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetColorMode(void* handle, int32_t* colorMode, Vyrix_ValueStorageTypeE storage);
 /* gamma 1.0..3.0; channel passed on */
-Vyrix_ReturnStatus Vyrix_SetGamma(void* handle, uint32_t channel, float gamma, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetGamma(void* handle, uint32_t channel, float* gamma, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetGamma(void* handle, uint32_t channel, float gamma,
+                                            Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetGamma(void* handle, uint32_t channel, float* gamma,
+                                            Vyrix_ValueStorageTypeE storage);
 /* channel 0..2, mode 0/1 */
-Vyrix_ReturnStatus Vyrix_SetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t mode,
-                                                Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t* mode,
-                                                Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t mode,
+                                                          Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetVideoGammaBoostMode(void* handle, uint32_t channel, uint32_t* mode,
+                                                          Vyrix_ValueStorageTypeE storage);
 /* mode 0/1 */
-Vyrix_ReturnStatus Vyrix_SetMicroWeaveMode(void* handle, uint32_t mode, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetMicroWeaveMode(void* handle, uint32_t* mode, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetMicroWeaveMode(void* handle, uint32_t mode, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetMicroWeaveMode(void* handle, uint32_t* mode, Vyrix_ValueStorageTypeE storage);
 /* flipState 0..3 */
-Vyrix_ReturnStatus Vyrix_SetFlipState(void* handle, uint32_t flipState, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetFlipState(void* handle, uint32_t* flipState, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetFlipState(void* handle, uint32_t flipState, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetFlipState(void* handle, uint32_t* flipState, Vyrix_ValueStorageTypeE storage);
 /* state 0/1; storage passed on unchecked */
-Vyrix_ReturnStatus Vyrix_SetOutputVideoState(void* handle, uint32_t state, uint32_t storage);
-Vyrix_ReturnStatus Vyrix_GetOutputVideoState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPropertiesS* properties);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetOutputVideoState(void* handle, uint32_t state, uint32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetOutputVideoState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetOutputVideoProperties(void* handle, Vyrix_VideoPropertiesS* properties);
 /* biPhase -100..100 */
-Vyrix_ReturnStatus Vyrix_SetBiPhase(void* handle, int16_t biPhase, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetBiPhase(void* handle, int16_t biPhase, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetBiPhase(void* handle, int16_t* biPhase, Vyrix_ValueStorageTypeE storage);
 /* selector1 0/1, selector2 0..4, offset -32..32 (sent as a float) */
-Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t offset,
-                                           Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetColorAlignment(void* handle, uint32_t selector1, int32_t selector2,
+                                                     int16_t offset, Vyrix_ValueStorageTypeE storage);
 /* the device's float is truncated toward zero */
-Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2, int16_t* offset,
-                                           Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetColorAlignment(void* handle, uint32_t selector1, int32_t selector2,
+                                                     int16_t* offset, Vyrix_ValueStorageTypeE storage);
 /* index 0..8, value -65536..65535 */
-Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetColorConverter(void* handle, int32_t index, int32_t* value,
-                                           Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetColorConverter(void* handle, int32_t index, int32_t value,
+                                                     Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetColorConverter(void* handle, int32_t index, int32_t* value,
+                                                     Vyrix_ValueStorageTypeE storage);
 /* mode 0..2; params and storage passed on unchecked */
-Vyrix_ReturnStatus Vyrix_SetFrameRateMode(void* handle, Vyrix_FrameRateS frameRate, uint32_t storage);
-Vyrix_ReturnStatus Vyrix_GetFrameRateMode(void* handle, Vyrix_FrameRateS* frameRate, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetFrameRateMode(void* handle, Vyrix_FrameRateS frameRate, uint32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetFrameRateMode(void* handle, Vyrix_FrameRateS* frameRate,
+                                                    Vyrix_ValueStorageTypeE storage);
 /* state 0/1 */
-Vyrix_ReturnStatus Vyrix_SetSensingState(void* handle, uint32_t state, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetSensingState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetSensingState(void* handle, uint32_t state, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSensingState(void* handle, uint32_t* state, Vyrix_ValueStorageTypeE storage);
 
 /* ===== System information and maintenance =============================== */
 
 /* 16 characters of text (the device's 17th byte is dropped) and seven words. */
-Vyrix_ReturnStatus Vyrix_GetSystemInfo(void* handle, Vyrix_SystemInfoS* info);
-Vyrix_ReturnStatus Vyrix_GetSystemStatus(void* handle, Vyrix_SystemStatusS* status);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSystemInfo(void* handle, Vyrix_SystemInfoS* info);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSystemStatus(void* handle, Vyrix_SystemStatusS* status);
 /* The newest count entries (count at most 255) into entries[0..count-1];
  * entries the device did not send read as zeros. */
-Vyrix_ReturnStatus Vyrix_GetEventLog(void* handle, uint16_t count, Vyrix_EventLogEntryS* entries);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetEventLog(void* handle, uint16_t count, Vyrix_EventLogEntryS* entries);
 /* The device's result is returned (its status word when non-zero). */
-Vyrix_ReturnStatus Vyrix_RestoreFactorySettings(void* handle);
-Vyrix_ReturnStatus Vyrix_CommitAll(void* handle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_RestoreFactorySettings(void* handle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_CommitAll(void* handle);
 /* One firmware chunk per call.  chunk must hold 4000 bytes: all 4000 are
  * sent whatever chunkLength (at most 4000) says.  The handle is not checked.
  * Splitting the image and calling in order are the caller's. */
-Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* handle, uint32_t upgradeParam1, uint32_t chunkLength,
-                                         uint32_t upgradeParam3, const uint8_t* chunk);
+VYRIX_API Vyrix_ReturnStatus Vyrix_UpgradeSoftware(void* handle, uint32_t upgradeParam1, uint32_t chunkLength,
+                                                   uint32_t upgradeParam3, const uint8_t* chunk);
 
 /* ===== Rendering ======================================================== */
 
 /* patternSelect at most 4 (no lower bound); parameters passed on. */
-Vyrix_ReturnStatus Vyrix_DrawTestPattern(void* handle, int32_t patternSelect, uint32_t patternParam1,
-                                         uint32_t patternParam2);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawTestPattern(void* handle, int32_t patternSelect, uint32_t patternParam1,
+                                                   uint32_t patternParam2);
 
 /* ===== Time of flight (not supported: 0x02000000) ======================= */
 
-Vyrix_ReturnStatus Vyrix_GetTofFrameProperties(void* handle, Vyrix_TofFramePropertiesS* pProperties,
-                                               Vyrix_ToFDataFormatE* pFormat);
-Vyrix_ReturnStatus Vyrix_StartFrameCapture(void* handle);
-Vyrix_ReturnStatus Vyrix_StopFrameCapture(void* handle);
-Vyrix_ReturnStatus Vyrix_AcquireTofFrames(void* handle, uint32_t frameCount, uint8_t* pFrameBuffer,
-                                          uint32_t* pFramesAcquired);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetTofFrameProperties(void* handle, Vyrix_TofFramePropertiesS* pProperties,
+                                                         Vyrix_ToFDataFormatE* pFormat);
+VYRIX_API Vyrix_ReturnStatus Vyrix_StartFrameCapture(void* handle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_StopFrameCapture(void* handle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_AcquireTofFrames(void* handle, uint32_t frameCount, uint8_t* pFrameBuffer,
+                                                    uint32_t* pFramesAcquired);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -379,74 +385,82 @@ Vyrix_ReturnStatus Vyrix_AcquireTofFrames(void* handle, uint32_t frameCount, uin
  * These keep C++ linkage: they exist so that applications written against
  * the full interface link and learn at run time that the feature is absent. */
 
-Vyrix_ReturnStatus Vyrix_OpenConnectionUSB(void* libHandle, const Vyrix_USBInfoS* pInfo, void** ppConnHandle);
-Vyrix_ReturnStatus Vyrix_OpenConnectionUart(void* libHandle, const Vyrix_UartInfoS* pInfo, void** ppConnHandle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_OpenConnectionUSB(void* libHandle, const Vyrix_USBInfoS* pInfo, void** ppConnHandle);
+VYRIX_API Vyrix_ReturnStatus Vyrix_OpenConnectionUart(void* libHandle, const Vyrix_UartInfoS* pInfo,
+                                                      void** ppConnHandle);
 
-Vyrix_ReturnStatus Vyrix_SetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE* pMode,
-                                                 const Vyrix_VideoCaptureInfoS* pInfo);
-Vyrix_ReturnStatus Vyrix_ModifyInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
-                                                    const Vyrix_VideoCaptureInfoS* pInfo);
-Vyrix_ReturnStatus Vyrix_GetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
-                                                 Vyrix_VideoCaptureInfoS* pInfo);
-Vyrix_ReturnStatus Vyrix_SetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
-Vyrix_ReturnStatus Vyrix_GetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
-Vyrix_ReturnStatus Vyrix_CommitInputCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
-Vyrix_ReturnStatus Vyrix_GetCommitedInputCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
-Vyrix_ReturnStatus Vyrix_SetWhitePoint(void* handle, Vyrix_WhitePointE whitePoint, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetWhitePoint(void* handle, Vyrix_WhitePointE* pWhitePoint, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetKeystoneCorrection(void* handle, int32_t correction, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetKeystoneCorrection(void* handle, int32_t* pCorrection, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetHorizontalBrightnessCompensationMode(void* handle,
-                                                                 Vyrix_HorizontalBrightnessCompensationModeE mode,
-                                                                 int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetHorizontalBrightnessCompensationMode(void* handle,
-                                                                 Vyrix_HorizontalBrightnessCompensationModeE* pMode,
-                                                                 Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetVerticalScanAngle(void* handle, float angle, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetVerticalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetHorizontalScanAngle(void* handle, float angle, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetHorizontalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetSplashScreenTimeout(void* handle, uint32_t timeout, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetSplashScreenTimeout(void* handle, uint32_t* pTimeout, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE sensingInterface,
-                                                 int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE* pInterface,
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE* pMode,
+                                                           const Vyrix_VideoCaptureInfoS* pInfo);
+VYRIX_API Vyrix_ReturnStatus Vyrix_ModifyInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
+                                                              const Vyrix_VideoCaptureInfoS* pInfo);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetInputCaptureModeInfo(void* handle, Vyrix_VideoModeHandleE mode,
+                                                           Vyrix_VideoCaptureInfoS* pInfo);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetActiveCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
+VYRIX_API Vyrix_ReturnStatus Vyrix_CommitInputCaptureMode(void* handle, Vyrix_VideoModeHandleE mode);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetCommitedInputCaptureMode(void* handle, Vyrix_VideoModeHandleE* pMode);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetWhitePoint(void* handle, Vyrix_WhitePointE whitePoint, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetWhitePoint(void* handle, Vyrix_WhitePointE* pWhitePoint,
                                                  Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_SetTofDataFormat(void* handle, Vyrix_ToFDataFormatE format, int32_t storage);
-Vyrix_ReturnStatus Vyrix_GetTofDataFormat(void* handle, Vyrix_ToFDataFormatE* pFormat, Vyrix_ValueStorageTypeE storage);
-Vyrix_ReturnStatus Vyrix_GetTofFrameSize(void* handle, uint32_t* pFrameSize);
-Vyrix_ReturnStatus Vyrix_GetTofFrameCount(void* handle, uint32_t* pFrameCount);
-Vyrix_ReturnStatus Vyrix_AcquirePcdFrames(void* handle, uint32_t frameCount, uint32_t* pBuffer, uint32_t* pAcquired);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetKeystoneCorrection(void* handle, int32_t correction, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetKeystoneCorrection(void* handle, int32_t* pCorrection,
+                                                         Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetHorizontalBrightnessCompensationMode(
+    void* handle, Vyrix_HorizontalBrightnessCompensationModeE mode, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetHorizontalBrightnessCompensationMode(
+    void* handle, Vyrix_HorizontalBrightnessCompensationModeE* pMode, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetVerticalScanAngle(void* handle, float angle, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetVerticalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetHorizontalScanAngle(void* handle, float angle, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetHorizontalScanAngle(void* handle, float* pAngle, Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetSplashScreenTimeout(void* handle, uint32_t timeout, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSplashScreenTimeout(void* handle, uint32_t* pTimeout,
+                                                          Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE sensingInterface,
+                                                           int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSensingDataInterface(void* handle, Vyrix_SensingDataInterfaceE* pInterface,
+                                                           Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetTofDataFormat(void* handle, Vyrix_ToFDataFormatE format, int32_t storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetTofDataFormat(void* handle, Vyrix_ToFDataFormatE* pFormat,
+                                                    Vyrix_ValueStorageTypeE storage);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetTofFrameSize(void* handle, uint32_t* pFrameSize);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetTofFrameCount(void* handle, uint32_t* pFrameCount);
+VYRIX_API Vyrix_ReturnStatus Vyrix_AcquirePcdFrames(void* handle, uint32_t frameCount, uint32_t* pBuffer,
+                                                    uint32_t* pAcquired);
 
-Vyrix_ReturnStatus Vyrix_SetSystemPowerState(void* handle, Vyrix_PowerStateE state);
-Vyrix_ReturnStatus Vyrix_GetSystemPowerState(void* handle, Vyrix_PowerStateE* pState);
-Vyrix_ReturnStatus Vyrix_SaveAsSplash(void* handle, Vyrix_RenderTargetE target);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetSystemPowerState(void* handle, Vyrix_PowerStateE state);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetSystemPowerState(void* handle, Vyrix_PowerStateE* pState);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SaveAsSplash(void* handle, Vyrix_RenderTargetE target);
 
-Vyrix_ReturnStatus Vyrix_SetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE state);
-Vyrix_ReturnStatus Vyrix_GetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE* pState);
-Vyrix_ReturnStatus Vyrix_SetOSDInfo(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
-                                    const Vyrix_RectSizeS* pSize);
-Vyrix_ReturnStatus Vyrix_GetOSDInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_PointS* pPosition,
-                                    Vyrix_RectSizeS* pSize);
-Vyrix_ReturnStatus Vyrix_SetActiveRenderTarget(void* handle, Vyrix_RenderTargetE target);
-Vyrix_ReturnStatus Vyrix_GetActiveRenderTarget(void* handle, Vyrix_RenderTargetE* pTarget);
-Vyrix_ReturnStatus Vyrix_GetDisplayInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_RectSizeS* pSize);
-Vyrix_ReturnStatus Vyrix_LoadBitmapImage(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
-                                         const Vyrix_RectSizeS* pSize, uint8_t* image, uint8_t format);
-Vyrix_ReturnStatus Vyrix_DrawText(void* handle, Vyrix_RenderTargetE target, const uint8_t* text, uint16_t length,
-                                  Vyrix_PointS position, const Vyrix_ColorS* pForeground,
-                                  const Vyrix_ColorS* pBackground);
-Vyrix_ReturnStatus Vyrix_GetTextBoxInfo(void* handle, const uint16_t* text, uint16_t length, Vyrix_RectSizeS* pSize);
-Vyrix_ReturnStatus Vyrix_DrawPoint(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPoint,
-                                   const Vyrix_ColorS* pColor);
-Vyrix_ReturnStatus Vyrix_DrawLine(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pStart,
-                                  const Vyrix_PointS* pEnd, const Vyrix_ColorS* pColor);
-Vyrix_ReturnStatus Vyrix_DrawTriangle(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* p1,
-                                      const Vyrix_PointS* p2, const Vyrix_PointS* p3, const Vyrix_ColorS* pColor);
-Vyrix_ReturnStatus Vyrix_DrawRectangle(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
-                                       const Vyrix_RectSizeS* pSize, const Vyrix_ColorS* pColor);
-Vyrix_ReturnStatus Vyrix_Render(void* handle, Vyrix_RenderTargetE target);
-Vyrix_ReturnStatus Vyrix_ClearTarget(void* handle, Vyrix_RenderTargetE target);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE state);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetOSDState(void* handle, Vyrix_RenderTargetE target, Vyrix_OSDStateE* pState);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetOSDInfo(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPosition,
+                                              const Vyrix_RectSizeS* pSize);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetOSDInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_PointS* pPosition,
+                                              Vyrix_RectSizeS* pSize);
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetActiveRenderTarget(void* handle, Vyrix_RenderTargetE target);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetActiveRenderTarget(void* handle, Vyrix_RenderTargetE* pTarget);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetDisplayInfo(void* handle, Vyrix_RenderTargetE target, Vyrix_RectSizeS* pSize);
+VYRIX_API Vyrix_ReturnStatus Vyrix_LoadBitmapImage(void* handle, Vyrix_RenderTargetE target,
+                                                   const Vyrix_PointS* pPosition, const Vyrix_RectSizeS* pSize,
+                                                   uint8_t* image, uint8_t format);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawText(void* handle, Vyrix_RenderTargetE target, const uint8_t* text,
+                                            uint16_t length, Vyrix_PointS position, const Vyrix_ColorS* pForeground,
+                                            const Vyrix_ColorS* pBackground);
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetTextBoxInfo(void* handle, const uint16_t* text, uint16_t length,
+                                                  Vyrix_RectSizeS* pSize);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawPoint(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pPoint,
+                                             const Vyrix_ColorS* pColor);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawLine(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* pStart,
+                                            const Vyrix_PointS* pEnd, const Vyrix_ColorS* pColor);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawTriangle(void* handle, Vyrix_RenderTargetE target, const Vyrix_PointS* p1,
+                                                const Vyrix_PointS* p2, const Vyrix_PointS* p3,
+                                                const Vyrix_ColorS* pColor);
+VYRIX_API Vyrix_ReturnStatus Vyrix_DrawRectangle(void* handle, Vyrix_RenderTargetE target,
+                                                 const Vyrix_PointS* pPosition, const Vyrix_RectSizeS* pSize,
+                                                 const Vyrix_ColorS* pColor);
+VYRIX_API Vyrix_ReturnStatus Vyrix_Render(void* handle, Vyrix_RenderTargetE target);
+VYRIX_API Vyrix_ReturnStatus Vyrix_ClearTarget(void* handle, Vyrix_RenderTargetE target);
 
 #endif /* __cplusplus */
 

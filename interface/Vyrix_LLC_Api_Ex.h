@@ -110,16 +110,16 @@ extern "C" {
  * Bluetooth adapter; 0x01000000 the device could not be opened.
  * Blocking: a Bluetooth open waits for the connection attempt.
  */
-Vyrix_ReturnStatus KtOpenUsbPort(void);
-Vyrix_ReturnStatus KtOpenSerialPort(int nCom, DWORD dwBaud);
-Vyrix_ReturnStatus KtOpenSerialPortByName(const char* pPortName, DWORD dwBaud);
-Vyrix_ReturnStatus KtOpenBTHSocket(const char* macID, const char* passKey);
+VYRIX_API Vyrix_ReturnStatus KtOpenUsbPort(void);
+VYRIX_API Vyrix_ReturnStatus KtOpenSerialPort(int nCom, DWORD dwBaud);
+VYRIX_API Vyrix_ReturnStatus KtOpenSerialPortByName(const char* pPortName, DWORD dwBaud);
+VYRIX_API Vyrix_ReturnStatus KtOpenBTHSocket(const char* macID, const char* passKey);
 
 /* 0 while the transport's device is connected; 0x01000000 when it went away
  * or no port is open.  Never blocks. */
-Vyrix_ReturnStatus KtCheckUsbPort(void);
-Vyrix_ReturnStatus KtCheckSerialPort(void);
-Vyrix_ReturnStatus KtCheckBthSocket(void);
+VYRIX_API Vyrix_ReturnStatus KtCheckUsbPort(void);
+VYRIX_API Vyrix_ReturnStatus KtCheckSerialPort(void);
+VYRIX_API Vyrix_ReturnStatus KtCheckBthSocket(void);
 
 /*
  * Send one packet (sourceID 2, deviceID 0 or 3, priority 0, protocolID 0 or
@@ -129,9 +129,9 @@ Vyrix_ReturnStatus KtCheckBthSocket(void);
  * header field or null payload; 0x1A000000 payload over 4095 bytes; the
  * port's write error.  Blocking: until the packet is written.
  */
-Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg);
-Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID, WORD wPayloadLen,
-                                 BYTE* pPayload);
+VYRIX_API Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg);
+VYRIX_API Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriority, BYTE ucProtocolID,
+                                           WORD wPayloadLen, BYTE* pPayload);
 
 /*
  * Take the oldest reply.  The caller's buffer must hold 4095 bytes (the
@@ -143,35 +143,35 @@ Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriori
  * Results: 0; 0x07000000 nothing arrived; 0x16000000 no port open;
  * 0x01000000 resends exhausted or nothing to resend.
  */
-Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount);
+VYRIX_API Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount);
 
 /* Take the oldest connectionless message, one attempt, no wait.  A
  * payloadLen of 0 means a capacity of 4095.  Results: 0; 0x07000000 none
  * queued; 0x1A000000 the message was longer than the capacity (it is removed
  * and its payload cut to the capacity); 0x05000000 null record or buffer. */
-Vyrix_ReturnStatus KtRemoveConnectionlessMsg(KtXlnkMsgS* pMsg);
+VYRIX_API Vyrix_ReturnStatus KtRemoveConnectionlessMsg(KtXlnkMsgS* pMsg);
 
 /* As KtRemoveMsg / KtRemoveConnectionlessMsg with separate out-arguments and
  * an explicit capacity cbPayload (at most 4095, else 0x1A000000); one
  * attempt, no wait.  0x05000000 when a pointer is null.  The out-arguments
  * are written only on success. */
-Vyrix_ReturnStatus KtRemoveMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
-                                   BYTE* pPayload, WORD cbPayload);
-Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
-                                                 BYTE* pPayload, WORD cbPayload);
+VYRIX_API Vyrix_ReturnStatus KtRemoveMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID, WORD* pPayloadLen,
+                                             BYTE* pPayload, WORD cbPayload);
+VYRIX_API Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriority, BYTE* pProtocolID,
+                                                           WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload);
 
 /* Close the transport's port and destroy its handler; ends the log (of every
  * transport).  Waits for the receive thread, polling every 250 ms (at most
  * the port's read time-out: 0.1 s serial, 2 s USB and Bluetooth).  Results:
  * 0; 0x16000000 the port was not open; the port's close error. */
-Vyrix_ReturnStatus KtCloseUsbPort(void);
-Vyrix_ReturnStatus KtCloseSerialPort(void);
-Vyrix_ReturnStatus KtCloseBTHSocket(void);
+VYRIX_API Vyrix_ReturnStatus KtCloseUsbPort(void);
+VYRIX_API Vyrix_ReturnStatus KtCloseSerialPort(void);
+VYRIX_API Vyrix_ReturnStatus KtCloseBTHSocket(void);
 
 /* Register the callback for connectionless messages (replaces any earlier
  * one; it cannot be removed).  While none is registered, connectionless
  * messages are dropped.  0x05000000 for a null function. */
-Vyrix_ReturnStatus KtRegisterCallback(KtEventCallbackFn pfnParseEventCallbackFunction);
+VYRIX_API Vyrix_ReturnStatus KtRegisterCallback(KtEventCallbackFn pfnParseEventCallbackFunction);
 
 /*
  * List the devices of a transport into pBtDeviceInfo, an array of
@@ -183,29 +183,29 @@ Vyrix_ReturnStatus KtRegisterCallback(KtEventCallbackFn pfnParseEventCallbackFun
  * Blocking: the Bluetooth inquiry takes about 10.24 s plus a name request per
  * device.
  */
-Vyrix_ReturnStatus KtEnumerateUSBDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
-                                         void* pBtDeviceInfo);
-Vyrix_ReturnStatus KtEnumerateBTHDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
-                                         void* pBtDeviceInfo);
-Vyrix_ReturnStatus KtEnumerateUARTDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
-                                          void* pBtDeviceInfo);
+VYRIX_API Vyrix_ReturnStatus KtEnumerateUSBDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                                   void* pBtDeviceInfo);
+VYRIX_API Vyrix_ReturnStatus KtEnumerateBTHDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                                   void* pBtDeviceInfo);
+VYRIX_API Vyrix_ReturnStatus KtEnumerateUARTDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
+                                                    void* pBtDeviceInfo);
 
 /* Runs when the library is unloaded: closes whatever ports are left and
  * ends the log.  Applications do not call it. */
-void LibraryCleanUpRoutine(void);
+VYRIX_API void LibraryCleanUpRoutine(void);
 
 /* A plain (non-recursive) mutex as an opaque handle.  0x05000000 for a null
  * argument; 0x01000000 if creation fails. */
-Vyrix_ReturnStatus KtCreateSyncObject(void** pObj);
-Vyrix_ReturnStatus KtLockSyncObject(void* pObj);
-Vyrix_ReturnStatus KtUnlockSyncObject(void* pObj);
-Vyrix_ReturnStatus KtDestroySyncObj(void* pObj);
+VYRIX_API Vyrix_ReturnStatus KtCreateSyncObject(void** pObj);
+VYRIX_API Vyrix_ReturnStatus KtLockSyncObject(void* pObj);
+VYRIX_API Vyrix_ReturnStatus KtUnlockSyncObject(void* pObj);
+VYRIX_API Vyrix_ReturnStatus KtDestroySyncObj(void* pObj);
 
 /* printf-style entry into the log while one exists (a port is open). */
-void KtWriteLogFile(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+VYRIX_API void KtWriteLogFile(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 /* Sleep for dwMilliSecs milliseconds. */
-void KtSleep(DWORD dwMilliSecs);
+VYRIX_API void KtSleep(DWORD dwMilliSecs);
 
 #ifdef __cplusplus
 }

@@ -1,30 +1,48 @@
 #!/usr/bin/env bash
-# Installs the release build under a prefix, builds the example application
-# against it with CMake and with pkg-config, runs both, and builds the
-# Debian package.
+# Builds the release under /usr with the multiarch library directory,
+# installs it under a prefix, builds the example application against that
+# tree with CMake and with pkg-config and runs both, then builds the Debian
+# packages, checks what each holds and runs lintian on every one.
 #   scripts/package.sh [PREFIX]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 prefix="$(realpath -m "${1:-build/stage}")"
 
 scripts/deps.sh
-cmake --preset release >/dev/null
-cmake --build --preset release
+cmake --preset package >/dev/null
+cmake --build --preset package
+libdir="$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' build/package/CMakeCache.txt)"
 rm -rf "$prefix"
-cmake --install build/release --prefix "$prefix" >/dev/null
-test -L "$prefix/lib/libVyrix_Api.so" && test -L "$prefix/lib/libVyrix_Api.so.1"
+cmake --install build/package --prefix "$prefix" >/dev/null
+test -L "$prefix/$libdir/libVyrix_Api.so" && test -L "$prefix/$libdir/libVyrix_Api.so.1"
 
-export LD_LIBRARY_PATH="$prefix/lib"
+export LD_LIBRARY_PATH="$prefix/$libdir"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 cmake -S examples/app -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 "$work/cmake/vyrix-example"
-PKG_CONFIG_PATH="$prefix/lib/pkgconfig" g++ -std=c++17 examples/app/main.cpp -o "$work/pc-example" \
-  $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs vyrix)
+export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
+g++ -std=c++17 examples/app/main.cpp -o "$work/pc-example" $(pkg-config --cflags --libs vyrix)
 "$work/pc-example"
 
-(cd build/release && cpack -G DEB >/dev/null)
-ls build/release/vyrix_*.deb
-dpkg-deb -c build/release/vyrix_*.deb | grep -E 'libVyrix_Api.so|vyrixctl|60-vyrix.rules|vyrix.pc' >/dev/null
-echo "package and installed-tree examples: ok"
+rm -f build/package/*.deb
+(cd build/package && cpack -G DEB >/dev/null)
+ls build/package/*.deb
+# What each package must hold (a pattern per line, matched against its file list).
+declare -A holds=(
+  [libvyrix-api1]="/usr/$libdir/libVyrix_Api\.so\.1 -> |/usr/$libdir/libVyrix_Api\.so\.1\.|60-vyrix\.rules"
+  [libvyrix-api-dev]="/usr/$libdir/libVyrix_Api\.so -> |include/vyrix/Vyrix_Api\.h|pkgconfig/vyrix\.pc|cmake/Vyrix/VyrixConfig\.cmake|examples/main\.cpp"
+  [vyrix-tools]="/usr/bin/vyrixctl|/usr/bin/vyrix-sim|/usr/bin/vyrix-demo"
+)
+for pkg in "${!holds[@]}"; do
+  deb="$(ls build/package/"${pkg}"_*.deb)"
+  contents="$(dpkg-deb -c "$deb")"
+  IFS='|' read -ra patterns <<<"${holds[$pkg]}"
+  for pattern in "${patterns[@]}" "/usr/share/doc/$pkg/copyright" "/usr/share/doc/$pkg/changelog\.Debian\.gz"; do
+    grep -qE "$pattern" <<<"$contents" || { echo "$pkg lacks $pattern" >&2; exit 1; }
+  done
+done
+# Errors fail; warnings are printed.  Overrides travel in the packages.
+lintian --fail-on error build/package/*.deb
+echo "packages, lintian and installed-tree examples: ok"

@@ -62,6 +62,6 @@ constexpr bool HasCode(Vyrix_ReturnStatus r, Vyrix_ReturnCodeE code) {
 void LlcLog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Milliseconds; one call sleeps at most 4294967 ms.
-void LLCSleep(unsigned long ulMilliSecs);
+VYRIX_API void LLCSleep(unsigned long ulMilliSecs);
 
 #endif  // LLC_COMMON_H
