@@ -129,16 +129,21 @@ TEST_F(Transport, AcknowledgementDoesNotLookAtTheStatusWord) {
 TEST_F(Transport, StaleRepliesAreFlushedBeforeACommand) {
     // An exchange started through the link layer and never finished leaves
     // its reply in the queue; the next command must not take it.
+    vyrix::sim::Faults quiet;
+    quiet.silent = true;
+    sim->SetFaults(quiet);
     Bytes raw = {0x2A, 0x2A, 0x3F, 0x01};
     KtXlnkMsgS msg{2, 0, 0, 1, 4, raw.data()};
     ASSERT_EQ(KtSendMsg(msg), 0u);
-    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
-    vt::Fence(*sim);  // its reply is queued
+    sim->SendPacket(vt::ReplyTo(0x3F, {0x55}));
+    vt::Fence(*sim);  // the stale reply is queued
+    sim->SetFaults(vyrix::sim::Faults{});
+    sim->SetResponder(Answering({0x77}));
     unsigned char* reply = nullptr;
     unsigned short length = 0;
-    sim->SetResponder(Answering({0x77}));
     ASSERT_EQ(AlcSendCommandGetReply(0x27, &reply, &length, eEP_DEVICE), 0u);
     EXPECT_EQ(reply[2] & 0x3F, 1);
+    EXPECT_EQ(reply[7], 0x77);
     delete[] reply;
 }
 
