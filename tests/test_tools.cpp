@@ -197,6 +197,7 @@ TEST_F(Tools, UsageErrorsExitTwoWithOneLine) {
         {"--uart LINK set output-video 1", "read only"},
         {"--uart LINK --timeout -1 info", "--timeout out of range"},
         {"--uart LINK info --frob", "--frob"},
+        {"--uart LINK raw 0x27 1FF", "BYTES are hexadecimal 00..FF: 1FF"},
         {"--uart LINK", "subcommand"},
     };
     for (const auto& c : cases) {

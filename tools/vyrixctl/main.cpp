@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
@@ -268,15 +269,31 @@ int Monitor(Session& session, int count, double seconds, bool json) {
     return 0;
 }
 
-int Raw(const std::string& opcodeText, const std::vector<std::string>& byteTexts, bool json) {
-    Report report("raw", json);
-    std::vector<uint8_t> payload = {0x2A, 0x2A, 0x01};
-    try {
-        payload.push_back(static_cast<uint8_t>(std::stoul(opcodeText, nullptr, 0)));
-        for (const std::string& b : byteTexts) payload.push_back(static_cast<uint8_t>(std::stoul(b, nullptr, 16)));
-    } catch (const std::exception&) {
-        return report.Refuse("OPCODE and BYTES are numbers", VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT));
+// One byte from text in `base`; false for anything else.
+bool ParseByte(const std::string& text, int base, uint8_t& byte) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long v = strtoul(text.c_str(), &end, base);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || v > 0xFF) return false;
+    byte = static_cast<uint8_t>(v);
+    return true;
+}
+
+// The command payload of `raw`, or why it cannot be made.
+std::string RawPayload(const std::string& opcodeText, const std::vector<std::string>& byteTexts,
+                       std::vector<uint8_t>& payload) {
+    payload = {0x2A, 0x2A, 0x01, 0};
+    if (!ParseByte(opcodeText, 0, payload[3])) return "OPCODE out of range 0..255: " + opcodeText;
+    for (const std::string& b : byteTexts) {
+        payload.push_back(0);
+        if (!ParseByte(b, 16, payload.back())) return "BYTES are hexadecimal 00..FF: " + b;
     }
+    if (payload.size() > KT_XLNK_MAX_PAYLOAD) return "too many BYTES";
+    return "";
+}
+
+int Raw(std::vector<uint8_t> payload, bool json) {
+    Report report("raw", json);
     KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
     Vyrix_ReturnStatus r = KtSendMsg(out);
     if (r != 0) return report.Finish(r, "send failed");
@@ -328,6 +345,12 @@ int main(int argc, char** argv) {
     app.set_help_all_flag("--help-all", "Show every command's help");
     app.set_version_flag("--version", "vyrixctl " VYRIX_VERSION_STRING);
     app.fallthrough();  // global options also after the subcommand
+    app.footer(
+        "Global options may stand before or after the subcommand. Values are checked against the ranges "
+        "'vyrixctl settings' shows before anything is sent.\n\n"
+        "Exit status: 0 success, 1 a failed command, 2 a usage error, 130 or 143 ended by SIGINT or SIGTERM.\n\n"
+        "Environment: VYRIX_LOG=file|stderr|off sets where the library logs (vyrixctl turns it off unless "
+        "--verbose or VYRIX_LOG is given); NO_COLOR turns the progress bar off.");
     Transport transport;
     bool json = false, verbose = false;
     double timeoutS = kDefaultTimeoutS;
@@ -434,6 +457,10 @@ int main(int argc, char** argv) {
             return UsageError(command, "parameter out of range 0..4294967295", json);
     }
     if (*events && (count < 1 || count > 255)) return UsageError(command, "count out of range 1..255", json);
+    std::vector<uint8_t> rawPayload;
+    if (*raw)
+        if (std::string why = RawPayload(opcode, rawBytes, rawPayload); !why.empty())
+            return UsageError(command, why, json);
     std::vector<uint8_t> image;
     if (*upgrade)
         if (std::string why = ReadImage(file, image); !why.empty())
@@ -488,7 +515,7 @@ int main(int argc, char** argv) {
         } else if (*monitor) {
             exitStatus = Monitor(session, monitorCount, monitorSeconds, json);
         } else if (*raw) {
-            exitStatus = Raw(opcode, rawBytes, json);
+            exitStatus = Raw(rawPayload, json);
         }
     }
     session.Close();
