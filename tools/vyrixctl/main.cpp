@@ -424,6 +424,10 @@ int main(int argc, char** argv) {
                                .c_str());
         return kExitUsage;
     }
+    // The library logs to its file unless told otherwise; the terminal gets
+    // its lines only when asked for.
+    setenv("VYRIX_LOG", verbose ? "stderr" : "off", 0);
+
     CLI::App* chosen = app.get_subcommands().front();
     std::string command = chosen->get_name();
     if (*get || *set) command += " " + name;
@@ -469,10 +473,6 @@ int main(int argc, char** argv) {
     if (!transport.uart.empty())
         if (std::string why = CheckSerialPath(transport.uart); !why.empty())
             return Report(command, json).Finish(VYRIX_RESULT(eVYRIX_NOT_CONNECTED), why);
-
-    // The library logs to its file unless told otherwise; the terminal gets
-    // its lines only when asked for.
-    setenv("VYRIX_LOG", verbose ? "stderr" : "off", 0);
 
     std::thread(WaitForSignals, signals).detach();
     Session session(transport, static_cast<unsigned>(timeoutS * 1000));
