@@ -10,6 +10,7 @@
 
 #include "Vyrix_Api.h"
 #include "Vyrix_LLC_Api_Ex.h"
+#include "vyrix_version.h"
 
 // One open connection.  The application's record comes first, so the
 // handle (the address of this) also points at the record.
@@ -26,9 +27,9 @@ struct Vyrix_LibraryContext {
 extern Vyrix_LibraryContext* g_pLibCtx;  // null while the library is closed
 extern void* g_pSyncObj;                 // the library lock; exists while open
 
-constexpr uint8_t kLibraryMajor = 1;
-constexpr uint8_t kLibraryMinor = 3;
-constexpr uint8_t kLibraryRevision = 0;
+constexpr uint8_t kLibraryMajor = VYRIX_VERSION_MAJOR;
+constexpr uint8_t kLibraryMinor = VYRIX_VERSION_MINOR;
+constexpr uint8_t kLibraryRevision = VYRIX_VERSION_PATCH;
 constexpr uint32_t kLibraryBuild = 0;
 
 // Command and reply payloads.

@@ -464,4 +464,37 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_ClearTarget(void* handle, Vyrix_RenderTargetE
 
 #endif /* __cplusplus */
 
+/* ------------------------------------------------------------------------
+ * Extensions
+ *
+ * Functions of this library beyond the device interface above.  They are
+ * exported under plain C names and change nothing the functions above do.
+ * ---------------------------------------------------------------------- */
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The name of a result word: "eVYRIX_INVALID_ARGUMENT" for 0x05000000.  A
+ * word that carries no library code (any of bits 0..23 set, or a code of
+ * eVYRIX_MAX_RETURN_CODE_ENUM or more: a status word of the device) reads
+ * as "device status 0x0A00BEEF".
+ * Result: never null.  A library code's name is a static string; a device
+ * status is written to a buffer of the calling thread, valid until that
+ * thread's next call of this function.
+ * Thread safety: may be called from any thread at any time, whether the
+ * library is open or not. */
+VYRIX_API const char* Vyrix_GetResultName(Vyrix_ReturnStatus result);
+
+/* One sentence that says what a result word means, e.g. "An argument is
+ * missing or out of range." for 0x05000000.  A status word of the device
+ * (as above) reads as "The device reported a status of its own; see the
+ * device's documentation."
+ * Result: a static string, never null.
+ * Thread safety: may be called from any thread at any time. */
+VYRIX_API const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
 #endif /* VYRIX_API_H */

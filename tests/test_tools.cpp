@@ -1,132 +1,321 @@
-// vyrixctl end to end against vyrix-sim, and the demo to its end.
+// The programs run as a user runs them: exit status, standard output and
+// standard error apart, JSON parsed back; and the library's result names.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "TestSupport.h"
+#include "Vyrix_Api.h"
+#include "vyrix_version.h"
 
 namespace {
 
 struct Outcome {
-    int status;
-    std::string out;
+    int status = -1;
+    std::string out, err;
 };
 
-Outcome Shell(const std::string& command) {
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    Outcome run{-1, ""};
-    if (pipe == nullptr) return run;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) run.out.append(buf, n);
-    int status = pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+// A scratch directory of this test's own, removed with what is in it.
+class Scratch {
+public:
+    Scratch() {
+        char name[] = "/tmp/vyrix-tools-XXXXXX";
+        dir_ = mkdtemp(name) ? name : "";
+    }
+    ~Scratch() {
+        if (!dir_.empty()) std::system(("rm -rf " + dir_).c_str());
+    }
+    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+private:
+    std::string dir_;
+};
+
+// Starts `program args...` with its output in files; returns its pid.
+pid_t Start(const std::vector<std::string>& args, const std::string& out, const std::string& err) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
+        std::vector<char*> argv;
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int Wait(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFSIGNALED(status)) return 1000 + WTERMSIG(status);
+    return WEXITSTATUS(status);
+}
+
+std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> words;
+    size_t at = 0;
+    while ((at = text.find_first_not_of(' ', at)) != std::string::npos) {
+        const size_t end = text.find(' ', at);
+        words.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    return words;
 }
 
 class Tools : public ::testing::Test {
 protected:
-    void SetUp() override {
-        link = "/tmp/vyrix-test-sim-" + std::to_string(getpid());
-        simOut = link + ".out";
-        int pid = fork();
-        if (pid == 0) {
-            freopen(simOut.c_str(), "w", stdout);
-            execl(VYRIX_SIM, VYRIX_SIM, "--link", link.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        simPid = pid;
-        ASSERT_TRUE(vt::Eventually([&] { return vt::ReadFile(simOut).find("Try:") != std::string::npos; }));
-    }
     void TearDown() override {
-        kill(simPid, SIGTERM);
-        waitpid(simPid, nullptr, 0);
-        unlink(simOut.c_str());
+        if (simPid > 0) {
+            kill(simPid, SIGTERM);
+            Wait(simPid);
+        }
     }
-    Outcome Ctl(const std::string& args) { return Shell(std::string(VYRIXCTL) + " --uart " + link + " " + args); }
+    // vyrix-sim with a link in the scratch directory; `options` as typed.
+    void StartSim(const std::string& options = "") {
+        link = scratch.Path("tty");
+        std::vector<std::string> args = {VYRIX_SIM, "--link", link, "--trace"};
+        for (const std::string& w : Words(options)) args.push_back(w);
+        simPid = Start(args, scratch.Path("sim.out"), scratch.Path("sim.err"));
+        ASSERT_TRUE(vt::Eventually([&] { return SimOut().find("Try:") != std::string::npos; }));
+    }
+    std::string SimOut() const { return vt::ReadFile(scratch.Path("sim.out")); }
+    size_t PacketsSeen() const {
+        const std::string trace = vt::ReadFile(scratch.Path("sim.err"));
+        size_t n = 0;
+        for (size_t at = 0; (at = trace.find("host ->", at)) != std::string::npos; ++at) ++n;
+        return n;
+    }
+    Outcome Run(const std::string& program, const std::string& args) {
+        std::vector<std::string> argv = {program};
+        for (const std::string& w : Words(args)) argv.push_back(w == "LINK" ? link : w);
+        Outcome o;
+        o.status = Wait(Start(argv, scratch.Path("out"), scratch.Path("err")));
+        o.out = vt::ReadFile(scratch.Path("out"));
+        o.err = vt::ReadFile(scratch.Path("err"));
+        return o;
+    }
+    Outcome Ctl(const std::string& args) { return Run(VYRIXCTL, args); }
+    static nlohmann::json Json(const Outcome& o) {
+        auto j = nlohmann::json::parse(o.out, nullptr, false);
+        EXPECT_FALSE(j.is_discarded()) << o.out;
+        return j;
+    }
 
-    std::string link, simOut;
+    Scratch scratch;
+    std::string link;
     pid_t simPid = -1;
 };
 
-TEST_F(Tools, GetSetAndJson) {
-    Outcome get = Ctl("--json get brightness");
-    EXPECT_EQ(get.status, 0) << get.out;
-    EXPECT_NE(get.out.find("\"value\":80"), std::string::npos) << get.out;
-    EXPECT_NE(get.out.find("\"result\":\"eVYRIX_SUCCESS\""), std::string::npos) << get.out;
-
-    Outcome set = Ctl("set brightness 42 --storage 1");
-    EXPECT_EQ(set.status, 0) << set.out;
-    Outcome saved = Ctl("get brightness --storage 1");
-    EXPECT_NE(saved.out.find("value:             42"), std::string::npos) << saved.out;
-
-    Outcome bad = Ctl("--json set brightness 101");
-    EXPECT_EQ(bad.status, 1) << bad.out;
-    EXPECT_NE(bad.out.find("\"result\":\"eVYRIX_INVALID_ARGUMENT\""), std::string::npos) << bad.out;
-    EXPECT_NE(bad.out.find("\"code\":\"0x05000000\""), std::string::npos) << bad.out;
-
-    EXPECT_EQ(Ctl("get no-such-setting").status, 2);
-    EXPECT_EQ(Ctl("set output-video 1").status, 2);
+TEST(ResultNames, NamesAndDescriptions) {
+    struct Case {
+        uint32_t result;
+        const char* name;
+    } cases[] = {
+        {0x00000000u, "eVYRIX_SUCCESS"},           {0x05000000u, "eVYRIX_INVALID_ARGUMENT"},
+        {0x16000000u, "eVYRIX_NOT_CONNECTED"},     {0x1C000000u, "eVYRIX_RECONNECT_FAILED"},
+        {0x1D000000u, "device status 0x1D000000"},  // past the last code
+        {0x0A00BEEFu, "device status 0x0A00BEEF"},  // low bits from the device
+        {0x00000001u, "device status 0x00000001"},
+    };
+    const std::string deviceText = Vyrix_GetResultDescription(static_cast<Vyrix_ReturnStatus>(0x0A00BEEFu));
+    for (const Case& c : cases) {
+        const auto r = static_cast<Vyrix_ReturnStatus>(c.result);
+        EXPECT_STREQ(Vyrix_GetResultName(r), c.name);
+        const std::string description = Vyrix_GetResultDescription(r);
+        EXPECT_EQ(description == deviceText, std::string(c.name).rfind("device status", 0) == 0) << c.name;
+    }
+    std::set<std::string> descriptions;
+    for (uint32_t code = 0; code < eVYRIX_MAX_RETURN_CODE_ENUM; ++code) {
+        const std::string d = Vyrix_GetResultDescription(VYRIX_RESULT(code));
+        EXPECT_EQ(d.back(), '.') << code;
+        descriptions.insert(d);
+    }
+    EXPECT_EQ(descriptions.size(), static_cast<size_t>(eVYRIX_MAX_RETURN_CODE_ENUM));
 }
 
-TEST_F(Tools, InfoEventsAndUpgrade) {
-    Outcome info = Ctl("--json info");
-    EXPECT_EQ(info.status, 0) << info.out;
-    EXPECT_NE(info.out.find("\"device\":\"VYRIX-LSE-SIM-01\""), std::string::npos) << info.out;
+TEST_F(Tools, EveryProgramTellsItsVersion) {
+    for (const char* program : {VYRIXCTL, VYRIX_SIM, VYRIX_DEMO}) {
+        Outcome o = Run(program, "--version");
+        EXPECT_EQ(o.status, 0) << program;
+        const std::string name = std::string(program).substr(std::string(program).rfind('/') + 1);
+        EXPECT_EQ(o.out, name + " " VYRIX_VERSION_STRING "\n");
+    }
+}
 
-    const std::string image = link + ".bin";
+TEST_F(Tools, GetSetAndJsonWithOptionsAnywhere) {
+    StartSim();
+    Outcome get = Ctl("get brightness --json --uart LINK");
+    EXPECT_EQ(get.status, 0) << get.err;
+    nlohmann::json j = Json(get);
+    EXPECT_EQ(j["value"], 80);
+    EXPECT_EQ(j["result"], "eVYRIX_SUCCESS");
+
+    EXPECT_EQ(Ctl("--uart LINK set brightness 42 --storage 1").status, 0);
+    Outcome gamma = Ctl("--uart LINK --json set gamma 1.");  // as typed: still valid JSON
+    EXPECT_EQ(gamma.status, 0) << gamma.err;
+    EXPECT_EQ(Json(gamma)["value"], "1.");
+    Outcome saved = Ctl("--uart LINK get brightness --storage 1");
+    EXPECT_NE(saved.out.find("value:             42"), std::string::npos) << saved.out;
+    EXPECT_EQ(saved.err, "");
+}
+
+// Refused before anything is opened or sent: exit 2, nothing on standard
+// output, one line on standard error; with --json the same as JSON.
+TEST_F(Tools, UsageErrorsExitTwoWithOneLine) {
+    StartSim();
+    const struct {
+        const char* args;
+        const char* says;
+    } cases[] = {
+        {"--uart A --usb B info", "choose one transport"},
+        {"--bt nonsense info", "nonsense: not a Bluetooth address"},
+        {"--uart LINK set brightness 150", "set brightness: value out of range 0..100 (eVYRIX_INVALID_ARGUMENT)"},
+        {"--uart LINK set gamma nan", "value out of range 1.0..3.0"},
+        {"--uart LINK set gamma-boost 1 --channel 3", "--channel out of range 0..2"},
+        {"--uart LINK get brightness --storage 3", "--storage out of range 0..2"},
+        {"--uart LINK set brightness 5 --storage 2", "--storage out of range 0..1"},
+        {"--uart LINK pattern -3", "pattern out of range 0..4"},
+        {"--uart LINK events 0", "count out of range 1..255"},
+        {"--uart LINK get no-such-setting", "unknown setting"},
+        {"--uart LINK set output-video 1", "read only"},
+        {"--uart LINK --timeout -1 info", "--timeout out of range"},
+        {"--uart LINK info --frob", "--frob"},
+        {"--uart LINK raw 0x27 1FF", "BYTES are hexadecimal 00..FF: 1FF"},
+        {"--uart LINK", "subcommand"},
+    };
+    for (const auto& c : cases) {
+        Outcome text = Ctl(c.args);
+        EXPECT_EQ(text.status, 2) << c.args;
+        EXPECT_EQ(text.out, "") << c.args;
+        EXPECT_NE(text.err.find(c.says), std::string::npos) << c.args << ": " << text.err;
+        EXPECT_EQ(std::count(text.err.begin(), text.err.end(), '\n'), 1) << text.err;
+        Outcome json = Ctl(std::string(c.args) + " --json");
+        EXPECT_EQ(json.status, 2) << c.args;
+        EXPECT_TRUE(Json(json).contains("error")) << c.args;
+    }
+    EXPECT_EQ(PacketsSeen(), 0u);
+}
+
+TEST_F(Tools, FailuresNameTheCauseAndPrintNothingOnStdout) {
+    StartSim();
+    std::ofstream(scratch.Path("plain")) << "x";
+    std::ofstream(scratch.Path("empty")).close();
+    mkdir(scratch.Path("dir").c_str(), 0700);
+    const struct {
+        std::string args, says;
+    } cases[] = {
+        {"--uart " + scratch.Path("none") + " status", "none: no such device (eVYRIX_NOT_CONNECTED)"},
+        {"--uart " + scratch.Path("plain") + " status", "plain: not a character device"},
+        {"--uart LINK upgrade " + scratch.Path("dir"), "dir is a directory"},
+        {"--uart LINK upgrade " + scratch.Path("empty"), "empty is empty"},
+        {"--uart LINK upgrade " + scratch.Path("none"), "cannot read"},
+        {"status", "choose a transport"},
+    };
+    for (const auto& c : cases) {
+        Outcome o = Ctl(c.args);
+        EXPECT_EQ(o.status, 1) << c.args;
+        EXPECT_EQ(o.out, "") << c.args;
+        EXPECT_NE(o.err.find(c.says), std::string::npos) << c.args << ": " << o.err;
+        EXPECT_EQ(Json(Ctl(c.args + " --json"))["result"].get<std::string>().rfind("eVYRIX_", 0), 0u) << c.args;
+    }
+    EXPECT_EQ(PacketsSeen(), 0u);
+    EXPECT_EQ(Ctl("list uart").status, 0);
+    EXPECT_TRUE(Json(Ctl("list uart --json"))["list"].is_array());
+}
+
+TEST_F(Tools, UpgradeAndNamedEvents) {
+    StartSim();
+    const std::string image = scratch.Path("image.bin");
     {
         std::ofstream f(image, std::ios::binary);
         for (int i = 0; i < 9001; ++i) f.put(static_cast<char>(i * 7));
     }
-    Outcome up = Ctl("--json upgrade " + image);
-    EXPECT_EQ(up.status, 0) << up.out;
-    EXPECT_NE(up.out.find("\"bytes\":9001"), std::string::npos) << up.out;
-    const size_t at = up.out.find("\"crc32\":\"");
-    ASSERT_NE(at, std::string::npos);
-    const std::string crc = up.out.substr(at + 9, 8);
-    ASSERT_TRUE(
-        vt::Eventually([&] { return vt::ReadFile(simOut).find("firmware image received") != std::string::npos; }));
-    EXPECT_NE(vt::ReadFile(simOut).find("9001 bytes in 3 chunks, crc32 " + crc), std::string::npos)
-        << vt::ReadFile(simOut);
-    unlink(image.c_str());
+    Outcome up = Ctl("--json upgrade " + image + " --uart LINK");
+    EXPECT_EQ(up.status, 0) << up.err;
+    EXPECT_EQ(up.err, "");  // no progress bar off a terminal
+    nlohmann::json j = Json(up);
+    EXPECT_EQ(j["bytes"], 9001);
+    ASSERT_TRUE(vt::Eventually([&] { return SimOut().find("firmware image received") != std::string::npos; }));
+    EXPECT_NE(SimOut().find("9001 bytes in 3 chunks, crc32 " + j["crc32"].get<std::string>()), std::string::npos)
+        << SimOut();
 
-    Outcome events = Ctl("--json events 4");
-    EXPECT_EQ(events.status, 0) << events.out;
-    EXPECT_NE(events.out.find("\"events\":[{\"code\":6"), std::string::npos) << events.out;  // upgrade done, newest
+    nlohmann::json events = Json(Ctl("--uart LINK --json events 4"))["events"];
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events[0]["event"], "upgrade done");
+    EXPECT_EQ(events[0]["code"], 6);
 }
 
-TEST_F(Tools, FailuresGiveNonZeroStatus) {
-    Outcome noDevice = Shell(std::string(VYRIXCTL) + " --uart /dev/vyrix-none --json status");
-    EXPECT_EQ(noDevice.status, 1);
-    EXPECT_NE(noDevice.out.find("\"result\":\"eVYRIX_FAILURE\""), std::string::npos) << noDevice.out;
-    Outcome noTransport = Shell(std::string(VYRIXCTL) + " status");
-    EXPECT_EQ(noTransport.status, 1);
-    EXPECT_NE(noTransport.out.find("choose a transport"), std::string::npos);
-    Outcome bluetooth = Shell(std::string(VYRIXCTL) + " --json list bt");
-    EXPECT_NE(bluetooth.out.find("\"result\""), std::string::npos) << bluetooth.out;
-    Outcome raw = Ctl("--json raw 0x27");
-    EXPECT_EQ(raw.status, 0) << raw.out;
-    EXPECT_NE(raw.out.find("\"status\":\"eVYRIX_SUCCESS\""), std::string::npos) << raw.out;
+// Ctrl-C (and SIGTERM) against a device that does not answer: the command
+// ends at once with the connection closed, and no lock is left behind, so
+// the next command on the same line gets through.
+TEST_F(Tools, SignalsEndACommandTheDeviceNeverAnswers) {
+    StartSim("--silent-every 2");  // commands 2, 4, ... go unanswered
+    const struct { int sig, status; } cases[] = {{SIGINT, 130}, {SIGTERM, 143}};
+    size_t sent = 0;
+    for (const auto& c : cases) {
+        ASSERT_EQ(Ctl("--uart LINK info").status, 0);
+        ++sent;
+        const pid_t pid = Start({VYRIXCTL, "--uart", link, "status"}, scratch.Path("out"), scratch.Path("err"));
+        ++sent;
+        ASSERT_TRUE(vt::Eventually([&] { return PacketsSeen() == sent; })) << vt::ReadFile(scratch.Path("sim.err"));
+        vt::Stopwatch clock;
+        kill(pid, c.sig);
+        EXPECT_EQ(Wait(pid), c.status);
+        EXPECT_LT(clock.Ms(), 2000);  // generous: a loaded machine
+        EXPECT_EQ(vt::ReadFile(scratch.Path("out")), "");
+    }
+    EXPECT_EQ(Ctl("--uart LINK info").status, 0);
 }
 
-TEST(ToolsBuiltIn, MonitorShowsUnpromptedMessages) {
-    Outcome monitor = Shell(std::string(VYRIXCTL) + " --sim --json monitor --count 2 --seconds 10");
-    EXPECT_EQ(monitor.status, 0) << monitor.out;
-    EXPECT_NE(monitor.out.find("{\"message\":1,"), std::string::npos) << monitor.out;
-    EXPECT_NE(monitor.out.find("{\"message\":2,"), std::string::npos) << monitor.out;
+TEST_F(Tools, SimulatorPacesAtTheBaudRate) {
+    StartSim("--baud 600");  // 60 bytes a second
+    vt::Stopwatch clock;
+    EXPECT_EQ(Ctl("--uart LINK info").status, 0);
+    EXPECT_GE(clock.Ms(), 67 * 10 * 1000 / 600);  // 10 bytes sent, 57 received
 }
 
-TEST(ToolsBuiltIn, DemoRunsToTheEnd) {
-    Outcome demo = Shell(VYRIX_DEMO);
+TEST_F(Tools, SimulatorNeverReplacesAFile) {
+    const std::string path = scratch.Path("precious");
+    std::ofstream(path) << "keep me";
+    Outcome o = Run(VYRIX_SIM, "--link " + path);
+    EXPECT_EQ(o.status, 1);
+    EXPECT_NE(o.err.find("exists"), std::string::npos) << o.err;
+    EXPECT_EQ(vt::ReadFile(path), "keep me");
+}
+
+TEST_F(Tools, MonitorShowsUnpromptedMessages) {
+    Outcome monitor = Ctl("--sim --json monitor --count 2 --seconds 10");
+    EXPECT_EQ(monitor.status, 0) << monitor.err;
+    const size_t split = monitor.out.find('\n');
+    ASSERT_NE(split, std::string::npos);
+    EXPECT_EQ(nlohmann::json::parse(monitor.out.substr(0, split))["message"], 1);
+    EXPECT_EQ(nlohmann::json::parse(monitor.out.substr(split + 1))["message"], 2);
+}
+
+TEST_F(Tools, DemoRunsToTheEndPlainOffATerminal) {
+    EXPECT_NE(Run(VYRIX_DEMO, "--help").out.find("Usage: vyrix-demo"), std::string::npos);
+    Outcome demo = Run(VYRIX_DEMO, "");
     EXPECT_EQ(demo.status, 0) << demo.out;
     EXPECT_NE(demo.out.find("0 problems"), std::string::npos) << demo.out;
+    EXPECT_NE(demo.out.find("refused as expected: eVYRIX_INVALID_ARGUMENT"), std::string::npos);
+    EXPECT_EQ((demo.out + demo.err).find_first_of("\033\r"), std::string::npos);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Readable names of result words for the tools.
+// Readable names of result words and device events for the tools.
 #ifndef VYRIX_TOOLS_RESULTNAMES_H
 #define VYRIX_TOOLS_RESULTNAMES_H
 
@@ -10,6 +10,10 @@ namespace vyrix::tools {
 // "eVYRIX_INVALID_ARGUMENT" for a library code, "device status 0x0A00BEEF"
 // for a word the device reported.
 std::string ResultName(uint32_t result);
+
+// "commit", "upgrade done", ... for an event log code; "event 99" for one
+// without a name.
+std::string EventName(uint16_t code);
 
 }  // namespace vyrix::tools
 

@@ -1,5 +1,12 @@
 #include "Session.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <regex>
+
 namespace vyrix::tools {
 
 namespace {
@@ -7,7 +14,26 @@ constexpr uint32_t kUartBaud = 57600;
 constexpr uint32_t kUsbProduct = 4;
 }  // namespace
 
-Session::Session(const Transport& transport) : transport_(transport) {
+std::string CheckTransport(const Transport& t) {
+    const int chosen = !t.uart.empty() + !t.usb.empty() + !t.bt.empty() + t.sim;
+    if (chosen > 1) return "choose one transport: --uart, --usb, --bt or --sim";
+    static const std::regex address("([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}");
+    if (!t.bt.empty() && !std::regex_match(t.bt, address))
+        return "--bt " + t.bt + ": not a Bluetooth address (like 00:11:22:33:44:55)";
+    if (!t.passkey.empty() && t.bt.empty()) return "--passkey goes with --bt";
+    return "";
+}
+
+std::string CheckSerialPath(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0)
+        return errno == ENOENT ? path + ": no such device" : path + ": " + strerror(errno);
+    if (!S_ISCHR(st.st_mode)) return path + ": not a character device";
+    if (access(path.c_str(), R_OK | W_OK) != 0) return path + ": not readable and writable by this user";
+    return "";
+}
+
+Session::Session(const Transport& transport, unsigned replyTimeoutMs) : transport_(transport) {
     Transport& t = transport_;
     result_ = Vyrix_OpenLibrary(&library_);
     if (result_ != eVYRIX_RETURN_SUCCESS) {
@@ -34,11 +60,26 @@ Session::Session(const Transport& transport) : transport_(transport) {
         return;
     }
     result_ = Vyrix_OpenConnection(library_, &connection_, info);
-    if (result_ != eVYRIX_RETURN_SUCCESS) failure_ = "cannot connect to the device";
+    if (result_ != eVYRIX_RETURN_SUCCESS) {
+        connection_ = nullptr;
+        failure_ = "cannot connect to the device";
+        return;
+    }
+    if (replyTimeoutMs != 0) {
+        result_ = Vyrix_SetReplyTimeout(connection_, replyTimeoutMs);
+        if (result_ != eVYRIX_RETURN_SUCCESS) failure_ = "cannot set the reply timeout";
+    }
+}
+
+void Session::Close() {
+    std::lock_guard<std::mutex> lock(closeMutex_);
+    if (closed_) return;
+    closed_ = true;
+    if (connection_ != nullptr) Vyrix_CloseConnection(connection_);
 }
 
 Session::~Session() {
-    if (connection_ != nullptr) Vyrix_CloseConnection(connection_);
+    Close();
     if (library_ != nullptr) Vyrix_CloseLibrary(library_);
 }
 

@@ -4,6 +4,7 @@
 #define VYRIX_TOOLS_SESSION_H
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "DeviceSimulator.h"
@@ -19,10 +20,21 @@ struct Transport {
     bool sim = false;     // start the built-in simulator and use it
 };
 
+// Why the transport options cannot be used as given (more than one
+// transport, a malformed Bluetooth address), or "" when they can.  Touches
+// nothing.
+std::string CheckTransport(const Transport& transport);
+
+// Why the serial device at `path` cannot be opened by this user (it does
+// not exist, is not a character device, is not readable and writable), or
+// "" when it can.
+std::string CheckSerialPath(const std::string& path);
+
 class Session {
 public:
     // Opens the library and the connection; Result() tells how it went.
-    explicit Session(const Transport& transport);
+    // A reply timeout of 0 leaves the library's default.
+    explicit Session(const Transport& transport, unsigned replyTimeoutMs = 0);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -31,12 +43,17 @@ public:
     const std::string& Failure() const { return failure_; }
     void* Handle() const { return connection_; }
     vyrix::sim::DeviceSimulator* Simulator() const { return sim_.get(); }
+    // Closes the connection now; safe from another thread while a command
+    // waits for its reply (that command then fails).
+    void Close();
 
 private:
     Transport transport_;  // the connection record points into it
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim_;
     void* library_ = nullptr;
     void* connection_ = nullptr;
+    std::mutex closeMutex_;
+    bool closed_ = false;  // guarded by closeMutex_
     Vyrix_ReturnStatus result_ = eVYRIX_RETURN_SUCCESS;
     std::string failure_;
 };

@@ -3,7 +3,9 @@
 #define VYRIX_TOOLS_UPGRADE_H
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "Vyrix_Api.h"
@@ -18,15 +20,25 @@ constexpr uint32_t kChunkBytes = 4000;
 Vyrix_ReturnStatus SendFirmware(void* handle, const std::vector<uint8_t>& image,
                                 const std::function<void(size_t, size_t)>& progress);
 
-// Draws "[#####     ]  50%  20000/40000 B  12.3 kB/s" on one line of stderr.
+// Reads a firmware image whole; returns why it cannot be used (a
+// directory, not readable, empty) or "" when it was read.
+std::string ReadImage(const std::string& path, std::vector<uint8_t>& image);
+
+// True when `stream` is a terminal and NO_COLOR is not set: only then do
+// the programs draw with colours and carriage returns.
+bool Decorated(FILE* stream);
+
+// Draws "[#####     ]  50%  20000/40000 B  12.3 kB/s" on one line of stderr
+// when `draw` is set; measures the rate either way.
 class ProgressBar {
 public:
-    ProgressBar();
+    explicit ProgressBar(bool draw);
     void Update(size_t done, size_t total);
     void Finish();
     double BytesPerSecond() const { return rate_; }
 
 private:
+    bool draw_;
     double start_;
     double rate_ = 0;
 };

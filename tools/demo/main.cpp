@@ -1,11 +1,14 @@
 // vyrix-demo: a short guided tour of the library against the built-in
 // device simulator.
 #include <unistd.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -13,6 +16,7 @@
 #include "Session.h"
 #include "Upgrade.h"
 #include "Vyrix_LLC_Api_Ex.h"
+#include "vyrix_version.h"
 
 using namespace vyrix::tools;
 
@@ -23,11 +27,15 @@ constexpr Vyrix_ValueStorageTypeE kStorages[] = {eVYRIX_STORAGE_CURRENT, eVYRIX_
 const char* const kStorageNames[] = {"current", "saved", "factory"};
 
 int g_failures = 0;
+bool g_decorated = false;  // colours on standard output
 std::mutex g_mutex;
 std::condition_variable g_arrived;
 int g_messages = 0;
 
-void Section(const char* title) { printf("\n\033[1m== %s\033[0m\n", title); }
+const char* Bold() { return g_decorated ? "\033[1m" : ""; }
+const char* Plain() { return g_decorated ? "\033[0m" : ""; }
+
+void Section(const char* title) { printf("\n%s== %s%s\n", Bold(), title, Plain()); }
 
 // Prints a step with its result; remembers failures.
 bool Step(const char* what, Vyrix_ReturnStatus r) {
@@ -36,18 +44,29 @@ bool Step(const char* what, Vyrix_ReturnStatus r) {
     return r == eVYRIX_RETURN_SUCCESS;
 }
 
-const char* EventName(uint16_t code) {
-    switch (code) {
-        case vyrix::sim::kEventPowerOn: return "power on";
-        case vyrix::sim::kEventCommit: return "commit";
-        case vyrix::sim::kEventFactoryRestore: return "factory restore";
-        case vyrix::sim::kEventTestPattern: return "test pattern";
-        case vyrix::sim::kEventUpgradeChunk: return "upgrade chunk";
-        case vyrix::sim::kEventUpgradeDone: return "upgrade done";
-        case vyrix::sim::kEventSettingChanged: return "setting";
-        default: return "other";
+// Prints a step whose call the library is expected to refuse with `code`.
+void Refused(const char* what, Vyrix_ReturnStatus r, Vyrix_ReturnCodeE code) {
+    if (r == VYRIX_RESULT(code)) {
+        printf("  %-44s refused as expected: %s\n", what, ResultName(r).c_str());
+        return;
     }
+    printf("  %-44s expected %s, got %s\n", what, ResultName(VYRIX_RESULT(code)).c_str(), ResultName(r).c_str());
+    ++g_failures;
 }
+
+constexpr char kUsage[] =
+    "Usage: vyrix-demo [--help] [--version]\n"
+    "A guided tour of the Vyrix display engine library against the built-in\n"
+    "device simulator: settings, gamma, test pattern, firmware upgrade, event\n"
+    "log and a message of the device's own accord.\n"
+    "\n"
+    "Options:\n"
+    "  --help     show this help and exit\n"
+    "  --version  show the version and exit\n"
+    "\n"
+    "Colours and the progress bar are drawn only on a terminal, and never\n"
+    "when NO_COLOR is set.  The exit status is 0 when every step went as\n"
+    "expected, 1 otherwise, 2 on a usage error.\n";
 
 Vyrix_ReturnStatus OnMessage(void*) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -71,10 +90,24 @@ void ShowBrightness(void* h) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0) {
+            fputs(kUsage, stdout);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("vyrix-demo %s\n", VYRIX_VERSION_STRING);
+            return 0;
+        }
+        fprintf(stderr, "vyrix-demo: unknown argument '%s' (see vyrix-demo --help)\n", argv[i]);
+        return 2;
+    }
+    setenv("VYRIX_LOG", "off", 0);        // the library's lines stay off the tour
     setvbuf(stdout, nullptr, _IOLBF, 0);  // the progress bar on stderr stays in order
+    g_decorated = Decorated(stdout);
     const auto started = std::chrono::steady_clock::now();
-    printf("\033[1mVyrix display engine: a guided tour against the built-in simulator\033[0m\n");
+    printf("%sVyrix display engine: a guided tour against the built-in simulator%s\n", Bold(), Plain());
 
     Section("Library");
     Transport transport;
@@ -108,10 +141,7 @@ int main() {
     Section("Settings and storage types");
     Step("Vyrix_SetBrightness 65 (current)", Vyrix_SetBrightness(h, 65, eVYRIX_STORAGE_CURRENT));
     ShowBrightness(h);
-    Step("Vyrix_SetBrightness 101 is refused",
-         Vyrix_SetBrightness(h, 101, eVYRIX_STORAGE_CURRENT) == VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT)
-             ? eVYRIX_RETURN_SUCCESS
-             : VYRIX_RESULT(eVYRIX_FAILURE));
+    Refused("Vyrix_SetBrightness 101", Vyrix_SetBrightness(h, 101, eVYRIX_STORAGE_CURRENT), eVYRIX_INVALID_ARGUMENT);
     Step("Vyrix_SetFlipState 2 (saved)", Vyrix_SetFlipState(h, 2, eVYRIX_STORAGE_SAVED));
     uint32_t flip = 0;
     Step("Vyrix_GetFlipState (saved)", Vyrix_GetFlipState(h, &flip, eVYRIX_STORAGE_SAVED));
@@ -139,12 +169,12 @@ int main() {
     Section("Firmware upgrade");
     std::vector<uint8_t> image(kFirmwareBytes);
     for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<uint8_t>((i * 131) ^ (i >> 7));
-    ProgressBar bar;
+    ProgressBar bar(Decorated(stderr));
     Vyrix_ReturnStatus up = SendFirmware(h, image, [&](size_t done, size_t total) { bar.Update(done, total); });
     bar.Finish();
     Step("Vyrix_UpgradeSoftware, 4000 bytes a chunk", up);
     auto fw = sim.Model().FirmwareState();
-    const uint32_t crc = vyrix::sim::Crc32(image);
+    const uint32_t crc = static_cast<uint32_t>(crc32(0, image.data(), static_cast<uInt>(image.size())));
     const bool match = fw.complete && fw.crc32 == crc;
     printf("  sent %zu bytes (crc32 %08X) at %.1f kB/s; the device reassembled %u bytes (crc32 %08X): %s\n",
            image.size(), crc, bar.BytesPerSecond() / 1000.0, fw.receivedBytes, fw.crc32, match ? "match" : "MISMATCH");
@@ -162,7 +192,8 @@ int main() {
         printf("  %5s  %-16s %8s %10s %7s\n", "seq", "event", "time s", "detail", "opcode");
         for (const Vyrix_EventLogEntryS& e : events)
             if (e.field2 != 0)
-                printf("  %5u  %-16s %8u %10u %7u\n", e.field2, EventName(e.field1), e.field3, e.field4, e.field5);
+                printf("  %5u  %-16s %8u %10u %7u\n", e.field2, EventName(e.field1).c_str(), e.field3, e.field4,
+                       e.field5);
     }
 
     Section("A message of the device's own accord");

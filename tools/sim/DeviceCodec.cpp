@@ -75,15 +75,6 @@ void HostPacketParser::Take(uint8_t byte, std::vector<HostPacket>& out) {
     state_ = State::kSeek;
 }
 
-uint32_t Crc32(const std::vector<uint8_t>& data) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (uint8_t b : data) {
-        crc ^= b;
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
-
 std::vector<uint8_t> ReplyPayload(uint8_t type, uint8_t sequence, uint32_t status, const std::vector<uint8_t>& values) {
     std::vector<uint8_t> payload = {kMarker, kMarker, static_cast<uint8_t>((type << 6) | (sequence & 0x3F))};
     for (int i = 0; i < 4; ++i) payload.push_back(static_cast<uint8_t>(status >> (8 * i)));

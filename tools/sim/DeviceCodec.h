@@ -49,9 +49,6 @@ constexpr uint8_t kMarker = 0x2A;
 constexpr uint8_t kReplyType = 1;
 constexpr uint8_t kErrorReplyType = 2;
 
-// CRC-32 (IEEE 802.3), as the device reports firmware images.
-uint32_t Crc32(const std::vector<uint8_t>& data);
-
 // A reply payload: markers, type and sequence, status word, values.
 std::vector<uint8_t> ReplyPayload(uint8_t type, uint8_t sequence, uint32_t status, const std::vector<uint8_t>& values);
 

@@ -1,5 +1,7 @@
 #include "DeviceModel.h"
 
+#include <zlib.h>
+
 #include <cstring>
 
 #include "DeviceCodec.h"
@@ -147,7 +149,7 @@ Answer DeviceModel::Upgrade(const uint8_t* params, size_t size) {
     Log(kEventUpgradeChunk, index, eOP_UPGRADE_SOFTWARE, static_cast<uint16_t>(length));
     if (firmware_.receivedBytes >= total && !firmware_.complete) {
         firmware_.complete = true;
-        firmware_.crc32 = Crc32(image_);
+        firmware_.crc32 = static_cast<uint32_t>(crc32(0, image_.data(), static_cast<uInt>(image_.size())));
         ++firmware_.version;
         Log(kEventUpgradeDone, firmware_.crc32, eOP_UPGRADE_SOFTWARE, 0);
     }

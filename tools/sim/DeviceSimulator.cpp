@@ -6,6 +6,7 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -126,6 +127,7 @@ void DeviceSimulator::Serving() {
             // The host side went away (a socket peer closed): stop serving.
             return;
         }
+        Pace(readLine_, static_cast<size_t>(n));
         std::vector<HostPacket> packets;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -224,12 +226,29 @@ void DeviceSimulator::WriteAll(const uint8_t* data, size_t size) {
     WriteLocked(data, size);
 }
 
+void DeviceSimulator::Pace(std::chrono::steady_clock::time_point& line, size_t bytes) const {
+    const unsigned baud = baud_;
+    if (baud == 0) return;
+    using namespace std::chrono;
+    line = std::max(line, steady_clock::now()) + nanoseconds(bytes * 10 * 1000000000ull / baud);
+    // steady_clock is CLOCK_MONOTONIC: sleep to the absolute deadline.
+    const auto since = duration_cast<nanoseconds>(line.time_since_epoch()).count();
+    const timespec deadline = {static_cast<time_t>(since / 1000000000), static_cast<long>(since % 1000000000)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
 void DeviceSimulator::WriteLocked(const uint8_t* data, size_t size) {
+    // Paced in pieces of about 10 ms of wire time, so the host sees the
+    // bytes trickle in as from a UART.
+    const unsigned baud = baud_;
+    const size_t piece = baud == 0 ? size : std::max<size_t>(1, baud / 1000);
     size_t done = 0;
     while (done < size && !hungUp_) {
-        ssize_t n = write(fd_, data + done, size - done);
+        ssize_t n = write(fd_, data + done, std::min(piece, size - done));
         if (n > 0) {
             done += static_cast<size_t>(n);
+            Pace(writeLine_, static_cast<size_t>(n));
         } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
             struct pollfd pfd = {fd_, POLLOUT, 0};
             poll(&pfd, 1, 100);

@@ -62,6 +62,9 @@ public:
     void SetFaults(const Faults& faults);
     // Log what is received, readably, to stderr.
     void SetTrace(bool on) { trace_ = on; }
+    // Sends and reads at the wire rate of this many baud, 8N1 (10 bits a
+    // byte), as a real UART does; 0 (the default) does not pace.
+    void SetBaud(unsigned baud) { baud_ = baud; }
 
     // Keep every packet received (the default), or only count them.
     void SetRecording(bool on);
@@ -96,6 +99,9 @@ private:
     void WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs);
     void WriteAll(const uint8_t* data, size_t size);
     void WriteLocked(const uint8_t* data, size_t size);
+    // Waits until `bytes` more bytes have gone over the wire at the set
+    // rate, counted from `line` (the time the line is next free); moves it.
+    void Pace(std::chrono::steady_clock::time_point& line, size_t bytes) const;
 
     static constexpr std::chrono::milliseconds kUnsolicitedGap{20};
 
@@ -121,6 +127,9 @@ private:
     std::chrono::steady_clock::time_point lastReply_{};
     std::chrono::steady_clock::time_point lastUnsolicited_{};
     std::atomic<bool> trace_{false};
+    std::atomic<unsigned> baud_{0};
+    std::chrono::steady_clock::time_point readLine_{};   // read thread only
+    std::chrono::steady_clock::time_point writeLine_{};  // guarded by writeMutex_
     std::atomic<bool> hungUp_{false};
     std::atomic<bool> stop_{false};
     std::atomic<bool> hangUpRequested_{false};

@@ -5,24 +5,37 @@
 #include <CLI/CLI.hpp>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "DeviceSimulator.h"
+#include "vyrix_version.h"
 
 namespace {
 std::atomic<bool> g_stop{false};
+
+// Removes the link only while it is still the one this program made.
+void RemoveOwnLink(const std::string& link, const std::string& target) {
+    char points[4096];
+    const ssize_t n = readlink(link.c_str(), points, sizeof points);
+    if (n > 0 && std::string(points, static_cast<size_t>(n)) == target) unlink(link.c_str());
 }
+}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"vyrix-sim - a simulated Vyrix display engine on a pseudo-terminal"};
+    app.set_version_flag("--version", "vyrix-sim " VYRIX_VERSION_STRING);
+    unsigned baud = 0;
     std::string link;
     bool trace = false;
     double notifyEvery = 0;
     vyrix::sim::Faults faults;
     size_t garbage = 0;
-    app.add_option("--link", link, "Keep a symbolic link to the terminal at this path");
+    app.add_option("--link", link, "Make a symbolic link to the terminal at this path (which must not exist)");
+    app.add_option("--baud", baud, "Send and read at the wire rate of N baud, 8N1 (default: as fast as possible)");
     app.add_flag("--trace", trace, "Print every packet received and sent");
     app.add_option("--notify-every", notifyEvery, "Send an unprompted status message every SECONDS");
     app.add_option("--resend-every", faults.resendEvery, "Answer every N-th command with a resend request");
@@ -44,12 +57,14 @@ int main(int argc, char** argv) {
     auto sim = vyrix::sim::DeviceSimulator::OverPty();
     sim->SetFaults(faults);
     sim->SetTrace(trace);
-    if (!link.empty()) {
-        unlink(link.c_str());
-        if (symlink(sim->SlavePath().c_str(), link.c_str()) != 0) {
-            perror("symlink");
-            return 1;
-        }
+    sim->SetBaud(baud);
+    if (!link.empty() && symlink(sim->SlavePath().c_str(), link.c_str()) != 0) {
+        // Never replaces what is there: it is not ours.
+        if (errno == EEXIST)
+            fprintf(stderr, "vyrix-sim: --link %s: the path exists; remove it or choose another\n", link.c_str());
+        else
+            fprintf(stderr, "vyrix-sim: --link %s: %s\n", link.c_str(), strerror(errno));
+        return 1;
     }
     printf("Vyrix device simulator on %s%s%s\n", sim->SlavePath().c_str(), link.empty() ? "" : " (link ",
            link.empty() ? "" : (link + ")").c_str());
@@ -86,6 +101,6 @@ int main(int argc, char** argv) {
     sigwait(&signals, &signal);
     g_stop = true;
     watcher.join();
-    if (!link.empty()) unlink(link.c_str());
+    if (!link.empty()) RemoveOwnLink(link, sim->SlavePath());
     return 0;
 }

@@ -27,10 +27,18 @@ struct Setting {
     // Writes it from text; empty for read-only values.  Throws
     // std::invalid_argument for a value that is not a number of the kind.
     std::function<Vyrix_ReturnStatus(const SettingContext&, const std::string& value)> set;
+    // The range of a value that is one number (min == max: no such range).
+    double min = 0, max = 0;
+    bool real = false;  // a real number, else an integer
 };
 
 const std::vector<Setting>& Settings();
 const Setting* FindSetting(const std::string& name);
+
+// Why a value or the scope options do not fit the setting ("value out of
+// range 0..100", "--storage out of range 0..1"), or "" when they do.
+std::string CheckValue(const Setting& setting, const std::string& value);
+std::string CheckScope(const Setting& setting, const SettingContext& context, bool writing);
 
 }  // namespace vyrix::tools
 

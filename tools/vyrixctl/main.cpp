@@ -1,12 +1,19 @@
 // vyrixctl: the display engine from the command line, through the library's
 // public interface.
+#include <dirent.h>
+#include <pthread.h>
+#include <signal.h>
+#include <zlib.h>
 #include <CLI/CLI.hpp>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
-#include <fstream>
+#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -16,19 +23,60 @@
 #include "Settings.h"
 #include "Upgrade.h"
 #include "Vyrix_LLC_Api_Ex.h"
+#include "vyrix_version.h"
 
 using namespace vyrix::tools;
 
 namespace {
 
-constexpr int kUsage = 2;
 constexpr unsigned kMaxListed = 16;
 constexpr int kRawReplyRetries = 50;  // about 5 s
+constexpr double kDefaultTimeoutS = 10;
+constexpr double kMaxTimeoutS = 86400;
+// After an interrupt has closed the connection, how long the command in
+// flight has to return before the program ends without it.
+constexpr auto kInterruptGrace = std::chrono::milliseconds(100);
 
 std::atomic<bool> g_stop{false};
 std::mutex g_eventMutex;
 std::condition_variable g_event;
 int g_pending = 0;
+
+// SIGINT and SIGTERM are blocked in every thread and taken by one thread
+// that waits for them: it closes the connection, which ends the command in
+// flight, and the program leaves with 128 + the signal.
+std::atomic<int> g_signal{0};
+std::mutex g_sessionMutex;
+std::condition_variable g_done;
+Session* g_session = nullptr;  // guarded by g_sessionMutex
+bool g_finished = false;       // guarded by g_sessionMutex
+
+void WaitForSignals(sigset_t signals) {
+    int sig = 0;
+    if (sigwait(&signals, &sig) != 0) return;
+    g_signal = sig;
+    {
+        std::lock_guard<std::mutex> lock(g_eventMutex);
+        g_stop = true;
+        g_event.notify_all();
+    }
+    std::unique_lock<std::mutex> lock(g_sessionMutex);
+    if (g_session != nullptr) g_session->Close();
+    if (!g_done.wait_for(lock, kInterruptGrace, [] { return g_finished; })) {
+        // The connection (and its lock) is closed; nothing else to keep.
+        fprintf(stderr, "vyrixctl: interrupted\n");
+        _exit(128 + sig);
+    }
+}
+
+void Publish(Session* session) {
+    std::lock_guard<std::mutex> lock(g_sessionMutex);
+    g_session = session;
+    if (session == nullptr) {
+        g_finished = true;
+        g_done.notify_all();
+    }
+}
 
 Vyrix_ReturnStatus OnDeviceMessage(void*) {
     std::lock_guard<std::mutex> lock(g_eventMutex);
@@ -47,23 +95,63 @@ std::string Hex(const uint8_t* data, size_t n) {
     return out;
 }
 
+// Serial devices: the tty class entries with a device behind them, with
+// the stable names udev keeps for them in /dev/serial/by-id.
+std::vector<Row> SerialDevices(const std::string& sysfs, const std::string& byId) {
+    std::map<std::string, std::string> stable;  // real path -> by-id name
+    if (DIR* d = opendir(byId.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            const std::string link = byId + "/" + e->d_name;
+            if (char* real = realpath(link.c_str(), nullptr)) {
+                stable[real] = link;
+                free(real);
+            }
+        }
+        closedir(d);
+    }
+    std::vector<Row> rows;
+    if (DIR* d = opendir(sysfs.c_str())) {
+        std::vector<std::string> names;
+        while (dirent* e = readdir(d)) {
+            const std::string device = sysfs + "/" + e->d_name + "/device";
+            if (e->d_name[0] != '.' && access(device.c_str(), F_OK) == 0) names.push_back(e->d_name);
+        }
+        closedir(d);
+        std::sort(names.begin(), names.end());
+        for (const std::string& name : names) {
+            const std::string path = "/dev/" + name;
+            const auto it = stable.find(path);
+            rows.push_back({{"device", path}, {"by-id", it == stable.end() ? "-" : it->second}});
+        }
+    }
+    return rows;
+}
+
 int ListDevices(const std::string& what, bool json) {
     Report report("list " + what, json);
     unsigned count = 0;
-    std::vector<std::vector<std::pair<std::string, std::string>>> rows;
-    Vyrix_ReturnStatus r;
-    if (what == "usb") {
+    std::vector<Row> rows;
+    Vyrix_ReturnStatus r = eVYRIX_RETURN_SUCCESS;
+    if (what == "uart") {
+        rows = SerialDevices("/sys/class/tty", "/dev/serial/by-id");
+        count = static_cast<unsigned>(rows.size());
+        report.SetEmptyNote("no serial devices found");
+    } else if (what == "usb") {
         std::vector<Vyrix_EnumerateUSBInfo> found(kMaxListed);
         r = KtEnumerateUSBDevices(kMaxListed, &count, found.data());
-        for (unsigned i = 0; i < count; ++i)
+        if (r == VYRIX_RESULT(eVYRIX_NOT_CONNECTED)) r = eVYRIX_RETURN_SUCCESS;  // none attached
+        for (unsigned i = 0; i < count && i < kMaxListed; ++i)
             rows.push_back({{"product", std::to_string(found[i].productID)}, {"serial", found[i].serialNumber}});
+        report.SetEmptyNote("no USB devices found");
     } else {
         std::vector<Vyrix_BTHDiscoveryInfo> found(kMaxListed);
         r = KtEnumerateBTHDevices(kMaxListed, &count, found.data());
-        for (unsigned i = 0; i < count; ++i)
+        for (unsigned i = 0; i < count && i < kMaxListed; ++i)
             rows.push_back({{"address", found[i].uniqueID}, {"name", found[i].friendlyName}});
+        report.SetEmptyNote("no Bluetooth devices found");
     }
-    report.Add("devices", static_cast<long long>(count));
+    report.Add("devices", static_cast<long long>(rows.size()));
     report.AddRows("list", rows);
     return report.Finish(r);
 }
@@ -104,13 +192,13 @@ int Status(void* h, bool json) {
 
 int Events(void* h, unsigned count, bool json) {
     Report report("events", json);
-    if (count > 255) return report.Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), "at most 255 entries");
     std::vector<Vyrix_EventLogEntryS> entries(count);
     Vyrix_ReturnStatus r = Vyrix_GetEventLog(h, static_cast<uint16_t>(count), entries.data());
-    std::vector<std::vector<std::pair<std::string, std::string>>> rows;
+    std::vector<Row> rows;
     for (const Vyrix_EventLogEntryS& e : entries) {
         if (e.field2 == 0) continue;  // nothing recorded in this slot
-        rows.push_back({{"code", std::to_string(e.field1)},
+        rows.push_back({{"event", EventName(e.field1)},
+                        {"code", std::to_string(e.field1)},
                         {"seq", std::to_string(e.field2)},
                         {"time_s", std::to_string(e.field3)},
                         {"detail", std::to_string(e.field4)},
@@ -118,22 +206,18 @@ int Events(void* h, unsigned count, bool json) {
                         {"extra", std::to_string(e.field6)}});
     }
     report.AddRows("events", rows);
+    report.SetEmptyNote("no events recorded");
     return report.Finish(r);
 }
 
-int Upgrade(void* h, const std::string& file, bool json) {
+int Upgrade(void* h, const std::vector<uint8_t>& image, bool json) {
     Report report("upgrade", json);
-    std::ifstream in(file, std::ios::binary);
-    if (!in) return report.Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), "cannot read " + file);
-    std::vector<uint8_t> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ProgressBar bar;
-    Vyrix_ReturnStatus r = SendFirmware(h, image, [&](size_t done, size_t total) {
-        if (!json) bar.Update(done, total);
-    });
-    if (!json) bar.Finish();
+    ProgressBar bar(!json && Decorated(stderr));
+    Vyrix_ReturnStatus r = SendFirmware(h, image, [&](size_t done, size_t total) { bar.Update(done, total); });
+    bar.Finish();
     report.Add("bytes", static_cast<long long>(image.size()));
     char crc[16];
-    snprintf(crc, sizeof crc, "%08X", vyrix::sim::Crc32(image));
+    snprintf(crc, sizeof crc, "%08lX", crc32(0, image.data(), static_cast<uInt>(image.size())));
     report.AddText("crc32", crc);
     char rate[32];
     snprintf(rate, sizeof rate, "%.0f", bar.BytesPerSecond());
@@ -160,7 +244,7 @@ int Monitor(Session& session, int count, double seconds, bool json) {
         {
             std::unique_lock<std::mutex> lock(g_eventMutex);
             g_event.wait_for(lock, std::chrono::milliseconds(200), [] { return g_pending > 0 || g_stop; });
-            if (g_pending == 0) continue;
+            if (g_pending == 0 || g_stop) continue;
             --g_pending;
         }
         KtXlnkMsgS msg{};
@@ -168,26 +252,48 @@ int Monitor(Session& session, int count, double seconds, bool json) {
         if (KtRemoveConnectionlessMsg(&msg) != 0) continue;
         ++shown;
         if (json)
-            printf("{\"message\":%d,\"source\":%d,\"payload\":%s}\n", shown, msg.sourceID,
-                   JsonString(Hex(buf.data(), msg.payloadLen)).c_str());
+            printf("%s\n",
+                   nlohmann::ordered_json{
+                       {"message", shown}, {"source", msg.sourceID}, {"payload", Hex(buf.data(), msg.payloadLen)}}
+                       .dump()
+                       .c_str());
         else
             printf("message %d from %d: %s\n", shown, msg.sourceID, Hex(buf.data(), msg.payloadLen).c_str());
         fflush(stdout);
     }
-    g_stop = true;
+    {
+        std::lock_guard<std::mutex> lock(g_eventMutex);
+        g_stop = true;
+    }
     if (notifier.joinable()) notifier.join();
     return 0;
 }
 
-int Raw(const std::string& opcodeText, const std::vector<std::string>& byteTexts, bool json) {
-    Report report("raw", json);
-    std::vector<uint8_t> payload = {0x2A, 0x2A, 0x01};
-    try {
-        payload.push_back(static_cast<uint8_t>(std::stoul(opcodeText, nullptr, 0)));
-        for (const std::string& b : byteTexts) payload.push_back(static_cast<uint8_t>(std::stoul(b, nullptr, 16)));
-    } catch (const std::exception&) {
-        return report.Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), "OPCODE and BYTES are numbers");
+// One byte from text in `base`; false for anything else.
+bool ParseByte(const std::string& text, int base, uint8_t& byte) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long v = strtoul(text.c_str(), &end, base);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || v > 0xFF) return false;
+    byte = static_cast<uint8_t>(v);
+    return true;
+}
+
+// The command payload of `raw`, or why it cannot be made.
+std::string RawPayload(const std::string& opcodeText, const std::vector<std::string>& byteTexts,
+                       std::vector<uint8_t>& payload) {
+    payload = {0x2A, 0x2A, 0x01, 0};
+    if (!ParseByte(opcodeText, 0, payload[3])) return "OPCODE out of range 0..255: " + opcodeText;
+    for (const std::string& b : byteTexts) {
+        payload.push_back(0);
+        if (!ParseByte(b, 16, payload.back())) return "BYTES are hexadecimal 00..FF: " + b;
     }
+    if (payload.size() > KT_XLNK_MAX_PAYLOAD) return "too many BYTES";
+    return "";
+}
+
+int Raw(std::vector<uint8_t> payload, bool json) {
+    Report report("raw", json);
     KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
     Vyrix_ReturnStatus r = KtSendMsg(out);
     if (r != 0) return report.Finish(r, "send failed");
@@ -206,32 +312,69 @@ int Raw(const std::string& opcodeText, const std::vector<std::string>& byteTexts
     return report.Finish(r);
 }
 
+// A usage error: one line on stderr (and the JSON object with --json).
+int UsageError(const std::string& command, const std::string& message, bool json) {
+    return Report(command, json).Refuse(message, VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT));
+}
+
+std::string OneLine(std::string text) {
+    for (char& c : text)
+        if (c == '\n') c = ' ';
+    while (!text.empty() && text.back() == ' ') text.pop_back();
+    return text;
+}
+
+bool WantsJson(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (strcmp(argv[i], "--json") == 0) return true;
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before any thread starts: every thread inherits the mask, so only the
+    // waiting thread ever takes these signals.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
     CLI::App app{"vyrixctl - control a Vyrix laser scanning display engine"};
     app.set_help_all_flag("--help-all", "Show every command's help");
+    app.set_version_flag("--version", "vyrixctl " VYRIX_VERSION_STRING);
+    app.fallthrough();  // global options also after the subcommand
+    app.footer(
+        "Global options may stand before or after the subcommand. Values are checked against the ranges "
+        "'vyrixctl settings' shows before anything is sent.\n\n"
+        "Exit status: 0 success, 1 a failed command, 2 a usage error, 130 or 143 ended by SIGINT or SIGTERM.\n\n"
+        "Environment: VYRIX_LOG=file|stderr|off sets where the library logs (vyrixctl turns it off unless "
+        "--verbose or VYRIX_LOG is given); NO_COLOR turns the progress bar off.");
     Transport transport;
-    bool json = false;
+    bool json = false, verbose = false;
+    double timeoutS = kDefaultTimeoutS;
     SettingContext ctx;
     app.add_option("--uart", transport.uart, "Serial device path (57600 8N1)");
     app.add_option("--usb", transport.usb, "USB device serial number");
     app.add_option("--bt", transport.bt, "Bluetooth address (00:11:22:33:44:55)");
     app.add_option("--passkey", transport.passkey, "Bluetooth pass key");
     app.add_flag("--sim", transport.sim, "Start the built-in device simulator and use it");
-    app.add_flag("--json", json, "Print machine-readable JSON");
+    app.add_option("--timeout", timeoutS, "Seconds a command waits for the device's reply (default 10)");
+    app.add_flag("--json", json, "Print machine-readable JSON, errors included");
+    app.add_flag("--verbose", verbose, "Let the library log to standard error (unless VYRIX_LOG is set)");
     app.require_subcommand(1);
 
     std::string what;
-    auto* list = app.add_subcommand("list", "List the devices of a transport");
-    list->add_option("TRANSPORT", what, "usb or bt")->required()->check(CLI::IsMember({"usb", "bt"}));
+    auto* list = app.add_subcommand("list", "List the devices of a transport (uart, usb or bt)");
+    list->add_option("TRANSPORT", what, "uart, usb or bt")->required()->check(CLI::IsMember({"uart", "usb", "bt"}));
     auto* info = app.add_subcommand("info", "System information");
     auto* status = app.add_subcommand("status", "System status");
     std::string name, value;
     auto addScope = [&](CLI::App* cmd) {
         cmd->add_option("--storage", ctx.storage, "0 current, 1 saved, 2 factory (read only)");
         cmd->add_option("--channel", ctx.channel, "Gamma channel");
-        cmd->add_option("--sel1", ctx.selector1, "Colour alignment selector 1 (0/1)");
+        cmd->add_option("--sel1", ctx.selector1, "Colour alignment selector 1 (0..1)");
         cmd->add_option("--sel2", ctx.selector2, "Colour alignment selector 2 (0..4)");
         cmd->add_option("--index", ctx.index, "Colour converter entry (0..8)");
     };
@@ -240,19 +383,18 @@ int main(int argc, char** argv) {
     auto* get = app.add_subcommand("get", "Read a setting: " + settingNames);
     get->add_option("NAME", name)->required();
     addScope(get);
-    auto* set = app.add_subcommand("set", "Write a setting");
+    auto* set = app.add_subcommand("set", "Write a setting (see 'settings' for the ranges)");
     set->add_option("NAME", name)->required();
     set->add_option("VALUE", value)->required();
     addScope(set);
     auto* settings = app.add_subcommand("settings", "List the settings with their ranges");
-    int32_t pattern = 0;
-    uint32_t p1 = 0, p2 = 0;
-    auto* patternCmd = app.add_subcommand("pattern", "Draw test pattern N (0..4)");
+    long long pattern = 0, p1 = 0, p2 = 0;
+    auto* patternCmd = app.add_subcommand("pattern", "Draw test pattern N (0..4) with parameters P1 and P2");
     patternCmd->add_option("N", pattern)->required();
     patternCmd->add_option("P1", p1);
     patternCmd->add_option("P2", p2);
-    unsigned count = 10;
-    auto* events = app.add_subcommand("events", "Read the newest COUNT event log entries");
+    long long count = 10;
+    auto* events = app.add_subcommand("events", "Read the newest COUNT (1..255) event log entries");
     events->add_option("COUNT", count);
     auto* commit = app.add_subcommand("commit", "Save every current setting");
     auto* factory = app.add_subcommand("factory-reset", "Restore the factory settings");
@@ -270,66 +412,117 @@ int main(int argc, char** argv) {
     raw->add_option("OPCODE", opcode)->required();
     raw->add_option("BYTES", rawBytes);
 
-    CLI11_PARSE(app, argc, argv);
-    std::signal(SIGINT, [](int) { g_stop = true; });
-    std::signal(SIGTERM, [](int) { g_stop = true; });
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+        const std::string message = OneLine(e.what());
+        fprintf(stderr, "vyrixctl: %s (see vyrixctl --help)\n", message.c_str());
+        if (WantsJson(argc, argv))
+            printf("%s\n", nlohmann::ordered_json{{"command", "vyrixctl"}, {"result", "usage"}, {"error", message}}
+                               .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                               .c_str());
+        return kExitUsage;
+    }
+    // The library logs to its file unless told otherwise; the terminal gets
+    // its lines only when asked for.
+    setenv("VYRIX_LOG", verbose ? "stderr" : "off", 0);
 
-    if (*list) return ListDevices(what, json);
+    CLI::App* chosen = app.get_subcommands().front();
+    std::string command = chosen->get_name();
+    if (*get || *set) command += " " + name;
+
+    // Everything that can be checked without the device, before anything
+    // is opened.
+    if (std::string why = CheckTransport(transport); !why.empty()) return UsageError(command, why, json);
+    if (!(timeoutS >= 0 && timeoutS <= kMaxTimeoutS))
+        return UsageError(command, "--timeout out of range 0..86400 seconds", json);
     if (*settings) {
-        for (const Setting& s : Settings()) printf("%-16s %s%s\n", s.name, s.help, s.set ? "" : "");
-        return 0;
+        Report report("settings", json);
+        std::vector<Row> rows;
+        for (const Setting& s : Settings())
+            rows.push_back({{"name", s.name}, {"range", s.help}, {"access", s.set ? "read-write" : "read-only"}});
+        report.AddRows("settings", rows);
+        return report.Finish(0);
     }
     const Setting* setting = nullptr;
     if (*get || *set) {
         setting = FindSetting(name);
-        if (setting == nullptr) {
-            fprintf(stderr, "unknown setting '%s' (see 'vyrixctl settings')\n", name.c_str());
-            return kUsage;
-        }
-        if (*set && !setting->set) {
-            fprintf(stderr, "'%s' is read only\n", name.c_str());
-            return kUsage;
-        }
-    }
-
-    Session session(transport);
-    if (session.Result() != eVYRIX_RETURN_SUCCESS) {
-        Report report("connect", json);
-        return report.Finish(session.Result(), session.Failure());
-    }
-    ctx.handle = session.Handle();
-    void* h = session.Handle();
-
-    if (*info) return Info(h, json);
-    if (*status) return Status(h, json);
-    if (*get) {
-        Report report("get", json);
-        std::string text;
-        Vyrix_ReturnStatus r = setting->get(ctx, text);
-        report.Add("name", name);
-        if (r == 0) report.Add("value", text);
-        return report.Finish(r);
-    }
-    if (*set) {
-        Report report("set", json);
-        report.Add("name", name);
-        report.Add("value", value);
-        try {
-            return report.Finish(setting->set(ctx, value));
-        } catch (const std::exception&) {
-            return report.Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), "not a valid value: " + value);
-        }
+        if (setting == nullptr) return UsageError(command, "unknown setting (see 'vyrixctl settings')", json);
+        if (*set && !setting->set) return UsageError(command, "read only", json);
+        if (std::string why = CheckScope(*setting, ctx, set->parsed()); !why.empty())
+            return UsageError(command, why, json);
+        if (*set)
+            if (std::string why = CheckValue(*setting, value); !why.empty()) return UsageError(command, why, json);
     }
     if (*patternCmd) {
-        Report report("pattern", json);
-        report.Add("pattern", static_cast<long long>(pattern));
-        return report.Finish(Vyrix_DrawTestPattern(h, pattern, p1, p2));
+        if (pattern < 0 || pattern > 4) return UsageError(command, "pattern out of range 0..4", json);
+        if (p1 < 0 || p1 > UINT32_MAX || p2 < 0 || p2 > UINT32_MAX)
+            return UsageError(command, "parameter out of range 0..4294967295", json);
     }
-    if (*events) return Events(h, count, json);
-    if (*commit) return Report("commit", json).Finish(Vyrix_CommitAll(h));
-    if (*factory) return Report("factory-reset", json).Finish(Vyrix_RestoreFactorySettings(h));
-    if (*upgrade) return Upgrade(h, file, json);
-    if (*monitor) return Monitor(session, monitorCount, monitorSeconds, json);
-    if (*raw) return Raw(opcode, rawBytes, json);
-    return kUsage;
+    if (*events && (count < 1 || count > 255)) return UsageError(command, "count out of range 1..255", json);
+    std::vector<uint8_t> rawPayload;
+    if (*raw)
+        if (std::string why = RawPayload(opcode, rawBytes, rawPayload); !why.empty())
+            return UsageError(command, why, json);
+    std::vector<uint8_t> image;
+    if (*upgrade)
+        if (std::string why = ReadImage(file, image); !why.empty())
+            return Report(command, json).Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), why);
+    if (*list) return ListDevices(what, json);
+    if (!transport.uart.empty())
+        if (std::string why = CheckSerialPath(transport.uart); !why.empty())
+            return Report(command, json).Finish(VYRIX_RESULT(eVYRIX_NOT_CONNECTED), why);
+
+    std::thread(WaitForSignals, signals).detach();
+    Session session(transport, static_cast<unsigned>(timeoutS * 1000));
+    Publish(&session);
+    int exitStatus = kExitFailed;
+    if (session.Result() != eVYRIX_RETURN_SUCCESS) {
+        exitStatus = Report(command, json).Finish(session.Result(), session.Failure());
+    } else if (g_signal == 0) {
+        ctx.handle = session.Handle();
+        void* h = session.Handle();
+        if (*info) {
+            exitStatus = Info(h, json);
+        } else if (*status) {
+            exitStatus = Status(h, json);
+        } else if (*get) {
+            Report report(command, json);
+            std::string text;
+            Vyrix_ReturnStatus r = setting->get(ctx, text);
+            report.AddText("name", name);
+            if (r == 0) report.Add("value", text);
+            exitStatus = report.Finish(r);
+        } else if (*set) {
+            Report report(command, json);
+            report.AddText("name", name);
+            report.Add("value", value);
+            exitStatus = report.Finish(setting->set(ctx, value));
+        } else if (*patternCmd) {
+            Report report(command, json);
+            report.Add("pattern", pattern);
+            exitStatus = report.Finish(Vyrix_DrawTestPattern(h, static_cast<int32_t>(pattern),
+                                                             static_cast<uint32_t>(p1), static_cast<uint32_t>(p2)));
+        } else if (*events) {
+            exitStatus = Events(h, static_cast<unsigned>(count), json);
+        } else if (*commit) {
+            exitStatus = Report(command, json).Finish(Vyrix_CommitAll(h));
+        } else if (*factory) {
+            exitStatus = Report(command, json).Finish(Vyrix_RestoreFactorySettings(h));
+        } else if (*upgrade) {
+            exitStatus = Upgrade(h, image, json);
+        } else if (*monitor) {
+            exitStatus = Monitor(session, monitorCount, monitorSeconds, json);
+        } else if (*raw) {
+            exitStatus = Raw(rawPayload, json);
+        }
+    }
+    session.Close();
+    Publish(nullptr);
+    if (const int sig = g_signal) {
+        fprintf(stderr, "vyrixctl: interrupted\n");
+        return 128 + sig;
+    }
+    return exitStatus;
 }

@@ -1,0 +1,36 @@
+/* Connects to the device on a serial line and prints its system information
+ * and brightness.  Usage: vyrix-example-uart /dev/ttyUSB0 */
+#include <stdio.h>
+
+#include <Vyrix_Api.h>
+#include <vyrix_version.h>
+
+#include "example.h"
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s SERIAL-DEVICE\n", argv[0]);
+        return 2;
+    }
+    printf("built against libVyrix_Api %s\n", VYRIX_VERSION_STRING);
+    void* library = NULL;
+    if (failed("Vyrix_OpenLibrary", Vyrix_OpenLibrary(&library))) return 1;
+    Vyrix_ConnectionInfoS info = {0};
+    info.connectionType = eVYRIX_CONNECTION_UART;
+    info.uartInfo.pPortName = argv[1];
+    info.uartInfo.baudRate = 57600; /* the only rate the device speaks */
+    info.uartInfo.flowControl = 0;
+    info.uartInfo.stopBits = 1;
+    void* connection = NULL;
+    int status = failed("Vyrix_OpenConnection", Vyrix_OpenConnection(library, &connection, info));
+    if (status == 0) {
+        Vyrix_SystemInfoS system = {0};
+        uint8_t brightness = 0;
+        status = failed("Vyrix_GetSystemInfo", Vyrix_GetSystemInfo(connection, &system)) ||
+                 failed("Vyrix_GetBrightness", Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT));
+        if (status == 0) printf("device %s, brightness %u\n", system.infoText, brightness);
+        Vyrix_CloseConnection(connection);
+    }
+    Vyrix_CloseLibrary(library);
+    return status;
+}
