@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   umockdev libumockdev-dev
   clang libclang-rt-14-dev clang-format valgrind
+  python3 python3-pytest
 )
 
 missing=()
