@@ -28,7 +28,8 @@ def pytest_sessionfinish(session, exitstatus):
 
 def lock_file(port):
     """The lock file of a serial port if one exists, else None."""
-    name = "vyrix_llc_com_" + (port[len("/dev/") :] if port.startswith("/dev/") else port).replace("/", "_") + ".lock"
+    device = port[len("/dev/") :] if port.startswith("/dev/") else port
+    name = "vyrix_llc_com_" + device.replace("/", "_") + ".lock"
     for directory in (RUNTIME_DIR, "/tmp"):
         path = os.path.join(directory, name)
         if os.path.lexists(path):

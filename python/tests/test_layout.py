@@ -12,10 +12,11 @@ from vyrix import _records
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_TREE = os.path.join(HERE, os.pardir, os.pardir)
-INCLUDE_DIRS = os.environ.get("VYRIX_INCLUDE_DIRS", "").split(os.pathsep) if os.environ.get("VYRIX_INCLUDE_DIRS") else [
-    os.path.join(SOURCE_TREE, "interface"),
-    os.path.join(SOURCE_TREE, "common"),
-]
+INCLUDE_DIRS = (
+    os.environ["VYRIX_INCLUDE_DIRS"].split(os.pathsep)
+    if os.environ.get("VYRIX_INCLUDE_DIRS")
+    else [os.path.join(SOURCE_TREE, "interface"), os.path.join(SOURCE_TREE, "common")]
+)
 ENUMS = {
     vyrix.ResultCode: "eVYRIX_",
     vyrix.Storage: "eVYRIX_STORAGE_",
@@ -42,7 +43,8 @@ def python_view():
 
 
 def c_program(keys):
-    lines = ["#include <stddef.h>", "#include <stdio.h>", '#include "Vyrix_Api.h"', '#include "Vyrix_LLC_Api_Ex.h"', "int main(void) {"]
+    lines = ["#include <stddef.h>", "#include <stdio.h>", '#include "Vyrix_Api.h"', '#include "Vyrix_LLC_Api_Ex.h"']
+    lines.append("int main(void) {")
     for key in keys:
         if "." in key:
             record, field = key.split(".")
@@ -63,7 +65,8 @@ def test_records_and_enumerations_match_the_headers(tmp_path):
     source, program = tmp_path / "layout.c", tmp_path / "layout"
     source.write_text(c_program(sorted(expected)))
     includes = ["-I" + d for d in INCLUDE_DIRS]
-    subprocess.run([compiler, "-std=c11", "-Wall", "-Werror", *includes, str(source), "-o", str(program)], check=True)
+    command = [compiler, "-std=c11", "-Wall", "-Werror", *includes, str(source), "-o", str(program)]
+    subprocess.run(command, check=True)
     output = subprocess.run([str(program)], check=True, capture_output=True, text=True).stdout
     actual = {key: int(value) for key, value in (line.split() for line in output.splitlines())}
     assert actual == expected

@@ -128,7 +128,9 @@ class _Library:
             function = getattr(self.dll, name)
             function.argtypes = argtypes
             function.restype = c_uint32
-        self._open_connection = {info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()}
+        self._open_connection = {
+            info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()
+        }
         self._describe_results()
         handle = c_void_p()
         errors.check(self.dll.Vyrix_OpenLibrary(ctypes.byref(handle)), "Vyrix_OpenLibrary")
@@ -143,7 +145,10 @@ class _Library:
         errors.check(self.dll.KtRegisterCallback(self._callback), "KtRegisterCallback")
 
     def _describe_results(self):
-        for name, setter in (("Vyrix_GetResultName", "_library_name"), ("Vyrix_GetResultDescription", "_library_description")):
+        for name, setter in (
+            ("Vyrix_GetResultName", "_library_name"),
+            ("Vyrix_GetResultDescription", "_library_description"),
+        ):
             function = getattr(self.dll, name, None)
             if function is None:
                 continue
@@ -164,7 +169,8 @@ class _Library:
 
     def open_connection(self, info):
         handle = c_void_p()
-        errors.check(self._open_connection[type(info)](self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
+        open_connection = self._open_connection[type(info)]
+        errors.check(open_connection(self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
         return handle.value
 
     def _on_event(self, _unused):

@@ -129,5 +129,10 @@ RECORDS = [
 ]
 
 # Scalar types whose width the package assumes.
-SCALARS = {"Vyrix_ReturnStatus": c_uint32, "Vyrix_ValueStorageTypeE": c_uint32, "WORD": c_uint16, "DWORD": ctypes.c_ulong}
+SCALARS = {
+    "Vyrix_ReturnStatus": c_uint32,
+    "Vyrix_ValueStorageTypeE": c_uint32,
+    "WORD": c_uint16,
+    "DWORD": ctypes.c_ulong,
+}
 

@@ -53,9 +53,11 @@ class Device:
         """Close the connection; closing twice does nothing."""
         if self._handle is None:
             return
-        handle, self._handle = self._handle, None
         if self._lib.open:
-            check(self._lib.call("Vyrix_CloseConnection", handle), "Vyrix_CloseConnection")
+            # After a failed close the connection stays open (and our texts
+            # stay referenced): the close can be tried again.
+            check(self._lib.call("Vyrix_CloseConnection", self._handle), "Vyrix_CloseConnection")
+        self._handle = None
 
     def _call(self, name, *args):
         if self._handle is None:
@@ -185,7 +187,8 @@ class Device:
             raise InvalidArgument(ResultCode.INVALID_ARGUMENT.result, "get_event_log: count must be 0..255")
         entries = (rec.EventLogEntry * max(count, 1))()
         self._call("Vyrix_GetEventLog", count, entries)
-        return [EventLogEntry(*(getattr(e, name) for name, _ in rec.EventLogEntry._fields_)) for e in entries[:count]]
+        fields = [name for name, _ in rec.EventLogEntry._fields_]
+        return [EventLogEntry(*(getattr(e, name) for name in fields)) for e in entries[:count]]
 
     def restore_factory_settings(self):
         self._call("Vyrix_RestoreFactorySettings")
@@ -248,7 +251,9 @@ def _fit_frame_rate(frame_rate):
         frame_rate = FrameRate(*frame_rate)
     for value in (frame_rate.mode, frame_rate.param1, frame_rate.param2):
         if not 0 <= value <= 0xFFFFFFFF:
-            raise InvalidArgument(ResultCode.INVALID_ARGUMENT.result, "set_frame_rate_mode: %d does not fit 32 bits" % value)
+            raise InvalidArgument(
+                ResultCode.INVALID_ARGUMENT.result, "set_frame_rate_mode: %d does not fit 32 bits" % value
+            )
     return rec.FrameRate(frame_rate.mode, frame_rate.param1, frame_rate.param2)
 
 
@@ -261,7 +266,8 @@ def _text(value, what):
 def open_uart(path, flow_control=0, stop_bits=1):
     """Connect to a device on a serial line (57600 baud, 8N1)."""
     name = _text(path, "path")
-    info = rec.UartConnectionInfo(connectionType=0, uartInfo=rec.UartInfo(name, BAUD_RATE, flow_control, stop_bits))
+    uart = rec.UartInfo(name, BAUD_RATE, flow_control, stop_bits)
+    info = rec.UartConnectionInfo(connectionType=0, uartInfo=uart)
     return Device(info, keep=(name,))
 
 

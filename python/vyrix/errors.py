@@ -166,4 +166,5 @@ def check(word, what=None):
         raise error_for(word, what)
 
 
-__all__ = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"] + [c.__name__ for c in ERROR_CLASSES.values()]
+__all__ = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"]
+__all__ += [c.__name__ for c in ERROR_CLASSES.values()]

@@ -108,7 +108,11 @@ class Message:
     def from_tuple(cls, item):
         source, destination, priority, protocol, payload = item
         return cls(
-            _enum_or_int(DeviceId, source), _enum_or_int(DeviceId, destination), priority, _enum_or_int(Protocol, protocol), payload
+            _enum_or_int(DeviceId, source),
+            _enum_or_int(DeviceId, destination),
+            priority,
+            _enum_or_int(Protocol, protocol),
+            payload,
         )
 
 
