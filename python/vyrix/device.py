@@ -65,7 +65,7 @@ class Device:
         check(self._lib.call(name, self._handle, *args), name)
 
     def _get(self, name, ctype, *args):
-        """A Get with one out value; args are those before and after it ('out' marks its place)."""
+        """A Get with one out value; _OUT marks where it goes among the arguments."""
         out = ctype()
         self._call(name, *[byref(out) if a is _OUT else a for a in args])
         return out.value
