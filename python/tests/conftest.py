@@ -1,0 +1,80 @@
+"""The simulator on a pseudo-terminal, and a private directory for the library's files."""
+
+import os
+import selectors
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import pytest
+
+# Before the library is loaded: its log and lock files go to a directory of
+# our own where the library supports that (older builds keep using /tmp).
+RUNTIME_DIR = tempfile.mkdtemp(prefix="vyrix-py-")
+os.environ["VYRIX_RUNTIME_DIR"] = RUNTIME_DIR
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
+
+DEADLINE = 30  # seconds; generous, nothing here should take more than one
+SIM = os.environ.get("VYRIX_SIM") or shutil.which("vyrix-sim")
+
+
+def pytest_sessionfinish(session, exitstatus):
+    shutil.rmtree(RUNTIME_DIR, ignore_errors=True)
+
+
+def lock_file(port):
+    """The lock file of a serial port if one exists, else None."""
+    device = port[len("/dev/") :] if port.startswith("/dev/") else port
+    name = "vyrix_llc_com_" + device.replace("/", "_") + ".lock"
+    for directory in (RUNTIME_DIR, "/tmp"):
+        path = os.path.join(directory, name)
+        if os.path.lexists(path):
+            return path
+    return None
+
+
+class Simulator:
+    """vyrix-sim with a link to its terminal; waits on its output, never sleeps."""
+
+    def __init__(self, *args):
+        assert SIM, "vyrix-sim not found: set VYRIX_SIM"
+        self.link = os.path.join(tempfile.mkdtemp(dir=RUNTIME_DIR), "sim")
+        self.output = ""
+        self.proc = subprocess.Popen([SIM, "--link", self.link, *args], stdout=subprocess.PIPE, bufsize=0)
+        self.wait_for("Try:")
+
+    def wait_for(self, text):
+        deadline = time.monotonic() + DEADLINE
+        with selectors.DefaultSelector() as selector:
+            selector.register(self.proc.stdout, selectors.EVENT_READ)
+            while text not in self.output:
+                left = deadline - time.monotonic()
+                assert left > 0, "simulator never printed %r:\n%s" % (text, self.output)
+                if selector.select(left):
+                    data = os.read(self.proc.stdout.fileno(), 4096)
+                    assert data, "simulator ended:\n" + self.output
+                    self.output += data.decode()
+        return self.output
+
+    def stop(self):
+        self.proc.send_signal(signal.SIGTERM)
+        self.proc.wait(DEADLINE)
+        self.proc.stdout.close()
+
+
+@pytest.fixture
+def simulator():
+    """A function that starts a simulator with extra options; all are stopped at the end."""
+    started = []
+
+    def start(*args):
+        started.append(Simulator(*args))
+        return started[-1]
+
+    yield start
+    for sim in started:
+        sim.stop()

@@ -1,0 +1,214 @@
+"""Loading libVyrix_Api.so.1 once per process and declaring its functions.
+
+The library is looked up through VYRIX_LIBRARY (a path), then next to the
+package (in the package directory, or in the lib directory of the tree the
+package is installed in), then through the system loader.  It is opened with
+Vyrix_OpenLibrary on first use and closed when the process exits.
+"""
+
+import atexit
+import ctypes
+import os
+import queue
+import threading
+from ctypes import POINTER, c_char_p, c_float, c_int16, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_void_p
+
+from . import errors
+from ._records import (
+    BTHConnectionInfo,
+    EventLogEntry,
+    FrameRate,
+    LibraryInfo,
+    SystemInfo,
+    SystemStatus,
+    UartConnectionInfo,
+    USBConnectionInfo,
+    VideoProperties,
+    XlnkMsg,
+)
+
+LIBRARY_NAME = "libVyrix_Api.so.1"
+MAX_PAYLOAD = 4095
+
+_h = c_void_p
+_PROTOTYPES = {
+    "Vyrix_OpenLibrary": (POINTER(c_void_p),),
+    "Vyrix_GetLibraryInfo": (_h, POINTER(LibraryInfo)),
+    "Vyrix_CloseLibrary": (_h,),
+    "Vyrix_CloseConnection": (_h,),
+    "Vyrix_GetInputVideoProperties": (_h, POINTER(c_uint16), POINTER(c_uint16), POINTER(c_float)),
+    "Vyrix_SetInputVideoState": (_h, c_uint32, c_uint32),
+    "Vyrix_GetInputVideoState": (_h, POINTER(c_uint32), c_uint32),
+    "Vyrix_SetBrightness": (_h, c_uint8, c_uint32),
+    "Vyrix_GetBrightness": (_h, POINTER(c_uint8), c_uint32),
+    "Vyrix_SetColorMode": (_h, c_int32, c_uint32),
+    "Vyrix_GetColorMode": (_h, POINTER(c_int32), c_uint32),
+    "Vyrix_SetGamma": (_h, c_uint32, c_float, c_uint32),
+    "Vyrix_GetGamma": (_h, c_uint32, POINTER(c_float), c_uint32),
+    "Vyrix_SetVideoGammaBoostMode": (_h, c_uint32, c_uint32, c_uint32),
+    "Vyrix_GetVideoGammaBoostMode": (_h, c_uint32, POINTER(c_uint32), c_uint32),
+    "Vyrix_SetMicroWeaveMode": (_h, c_uint32, c_uint32),
+    "Vyrix_GetMicroWeaveMode": (_h, POINTER(c_uint32), c_uint32),
+    "Vyrix_SetFlipState": (_h, c_uint32, c_uint32),
+    "Vyrix_GetFlipState": (_h, POINTER(c_uint32), c_uint32),
+    "Vyrix_SetOutputVideoState": (_h, c_uint32, c_uint32),
+    "Vyrix_GetOutputVideoState": (_h, POINTER(c_uint32), c_uint32),
+    "Vyrix_GetOutputVideoProperties": (_h, POINTER(VideoProperties)),
+    "Vyrix_SetBiPhase": (_h, c_int16, c_uint32),
+    "Vyrix_GetBiPhase": (_h, POINTER(c_int16), c_uint32),
+    "Vyrix_SetColorAlignment": (_h, c_uint32, c_int32, c_int16, c_uint32),
+    "Vyrix_GetColorAlignment": (_h, c_uint32, c_int32, POINTER(c_int16), c_uint32),
+    "Vyrix_SetColorConverter": (_h, c_int32, c_int32, c_uint32),
+    "Vyrix_GetColorConverter": (_h, c_int32, POINTER(c_int32), c_uint32),
+    "Vyrix_SetFrameRateMode": (_h, FrameRate, c_uint32),
+    "Vyrix_GetFrameRateMode": (_h, POINTER(FrameRate), c_uint32),
+    "Vyrix_SetSensingState": (_h, c_uint32, c_uint32),
+    "Vyrix_GetSensingState": (_h, POINTER(c_uint32), c_uint32),
+    "Vyrix_GetSystemInfo": (_h, POINTER(SystemInfo)),
+    "Vyrix_GetSystemStatus": (_h, POINTER(SystemStatus)),
+    "Vyrix_GetEventLog": (_h, c_uint16, POINTER(EventLogEntry)),
+    "Vyrix_RestoreFactorySettings": (_h,),
+    "Vyrix_CommitAll": (_h,),
+    "Vyrix_UpgradeSoftware": (_h, c_uint32, c_uint32, c_uint32, POINTER(c_uint8)),
+    "Vyrix_DrawTestPattern": (_h, c_int32, c_uint32, c_uint32),
+    "KtRemoveConnectionlessMsg": (POINTER(XlnkMsg),),
+    "KtEnumerateUSBDevices": (c_uint, POINTER(c_uint), c_void_p),
+    "KtEnumerateBTHDevices": (c_uint, POINTER(c_uint), c_void_p),
+}
+
+# Vyrix_OpenConnection takes the connection record by value; one prototype
+# per transport record (see _records).
+_OPEN_CONNECTION = {
+    info: ctypes.CFUNCTYPE(c_uint32, c_void_p, POINTER(c_void_p), info)
+    for info in (UartConnectionInfo, USBConnectionInfo, BTHConnectionInfo)
+}
+
+EVENT_CALLBACK = ctypes.CFUNCTYPE(c_uint32, c_void_p)
+
+_INT_TYPES = (c_uint8, c_uint16, c_uint32, c_int16, c_int32, c_uint)
+
+
+def _bounds(ctype):
+    bits = 8 * ctypes.sizeof(ctype)
+    if ctype(-1).value < 0:
+        return -(1 << (bits - 1)), (1 << (bits - 1)) - 1
+    return 0, (1 << bits) - 1
+
+
+_BOUNDS = {t: _bounds(t) for t in _INT_TYPES}
+
+
+def _candidates():
+    explicit = os.environ.get("VYRIX_LIBRARY")
+    if explicit:
+        return [explicit]
+    here = os.path.dirname(os.path.abspath(__file__))
+    # <prefix>/lib/python3/dist-packages/vyrix -> <prefix>/lib
+    tree_lib = os.path.normpath(os.path.join(here, os.pardir, os.pardir, os.pardir))
+    local = [os.path.join(d, LIBRARY_NAME) for d in (here, tree_lib)]
+    return [p for p in local if os.path.exists(p)] + [LIBRARY_NAME]
+
+
+def _load():
+    failures = []
+    for candidate in _candidates():
+        try:
+            return ctypes.CDLL(candidate)
+        except OSError as e:
+            failures.append(str(e))
+    raise OSError("cannot load %s: %s" % (LIBRARY_NAME, "; ".join(failures)))
+
+
+class _Library:
+    """The loaded library, its open handle and the unprompted-message queue."""
+
+    def __init__(self):
+        self.dll = _load()
+        for name, argtypes in _PROTOTYPES.items():
+            function = getattr(self.dll, name)
+            function.argtypes = argtypes
+            function.restype = c_uint32
+        self._open_connection = {
+            info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()
+        }
+        self._describe_results()
+        handle = c_void_p()
+        errors.check(self.dll.Vyrix_OpenLibrary(ctypes.byref(handle)), "Vyrix_OpenLibrary")
+        self.handle = handle.value
+        self.open = True
+        self.messages = queue.Queue(maxsize=1024)
+        # Kept for the life of the process: the library may call it until
+        # the last port is closed.
+        self._callback = EVENT_CALLBACK(self._on_event)
+        self.dll.KtRegisterCallback.argtypes = (EVENT_CALLBACK,)
+        self.dll.KtRegisterCallback.restype = c_uint32
+        errors.check(self.dll.KtRegisterCallback(self._callback), "KtRegisterCallback")
+
+    def _describe_results(self):
+        for name, setter in (
+            ("Vyrix_GetResultName", "_library_name"),
+            ("Vyrix_GetResultDescription", "_library_description"),
+        ):
+            function = getattr(self.dll, name, None)
+            if function is None:
+                continue
+            function.argtypes = (c_uint32,)
+            function.restype = c_char_p
+            setattr(errors, setter, lambda word, f=function: (f(word) or b"").decode(errors="replace") or None)
+
+    def call(self, name, *args):
+        """Call a declared function after checking that integers fit their C types."""
+        function = getattr(self.dll, name)
+        for value, ctype in zip(args, function.argtypes):
+            bounds = _BOUNDS.get(ctype)
+            if bounds and isinstance(value, int) and not bounds[0] <= value <= bounds[1]:
+                raise errors.InvalidArgument(
+                    errors.ResultCode.INVALID_ARGUMENT.result, "%s: %d does not fit %s" % (name, value, ctype.__name__)
+                )
+        return function(*args)
+
+    def open_connection(self, info):
+        handle = c_void_p()
+        open_connection = self._open_connection[type(info)]
+        errors.check(open_connection(self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
+        return handle.value
+
+    def _on_event(self, _unused):
+        # Runs on the port's receive thread: take every queued message.
+        try:
+            buffer = (c_uint8 * MAX_PAYLOAD)()
+            while True:
+                msg = XlnkMsg(payloadLen=0, pPayload=ctypes.cast(buffer, POINTER(c_uint8)))
+                if self.dll.KtRemoveConnectionlessMsg(ctypes.byref(msg)) != 0:
+                    return 0
+                item = (msg.sourceID, msg.deviceID, msg.priority, msg.protocolID, bytes(buffer[: msg.payloadLen]))
+                while True:
+                    try:
+                        self.messages.put_nowait(item)
+                        break
+                    except queue.Full:  # nobody reads: the oldest goes
+                        try:
+                            self.messages.get_nowait()
+                        except queue.Empty:
+                            pass
+        except Exception:  # never into the library's thread
+            return errors.ResultCode.FAILURE.result
+
+    def close(self):
+        if self.open:
+            self.open = False
+            self.dll.Vyrix_CloseLibrary(self.handle)
+
+
+_library = None
+_lock = threading.Lock()
+
+
+def library():
+    """The process's open library, loaded and opened on first use."""
+    global _library
+    with _lock:
+        if _library is None:
+            _library = _Library()
+            atexit.register(_library.close)
+        return _library

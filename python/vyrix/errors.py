@@ -1,0 +1,170 @@
+"""Result codes of the library and the exceptions that carry them.
+
+Every library function returns a 32-bit result word.  A word made by the
+library holds a ResultCode in bits 24..31 and zeros below; a device may also
+report a status word of its own, which reaches the application unchanged.
+check() turns a non-zero word into the matching VyrixError subclass.
+"""
+
+import enum
+
+
+class ResultCode(enum.IntEnum):
+    """The codes of the result word (bits 24..31)."""
+
+    SUCCESS = 0
+    FAILURE = 1
+    NOT_SUPPORTED = 2
+    TIMEOUT = 3
+    UNINITIALIZED = 4
+    INVALID_ARGUMENT = 5
+    INIT_FAILURE = 6
+    INCOMPLETE = 7
+    NOT_IMPLEMENTED = 8
+    INTERNAL_ERROR = 9
+    DEVICE_ERROR = 10
+    RESOURCE_BUSY = 11
+    RESOURCE_FULL = 12
+    INVALID_CHECKSUM = 13
+    INVALID_DATA = 14
+    INVALID_CONTEXT = 15
+    ARGUMENT_OUT_OF_RANGE = 16
+    INVALID_CALL_STATE = 17
+    CONDITIONS_NOT_CORRECT = 18
+    NO_MORE_RESOURCES = 19
+    OS_ERROR = 20
+    EMPTY = 21
+    NOT_CONNECTED = 22
+    COMMUNICATION_ERROR = 23
+    ALREADY_OPENED = 24
+    BTH_DISABLED = 25
+    PAYLOAD_TOO_LARGE = 26
+    RETRY = 27
+    RECONNECT_FAILED = 28
+
+    @property
+    def result(self):
+        """The result word that carries this code."""
+        return self << 24
+
+
+_DESCRIPTIONS = {
+    ResultCode.FAILURE: "a lock, allocation, validation or close failed",
+    ResultCode.NOT_SUPPORTED: "the operation is not carried out by this library",
+    ResultCode.TIMEOUT: "a USB transfer timed out",
+    ResultCode.UNINITIALIZED: "the library is not open",
+    ResultCode.INVALID_ARGUMENT: "an argument is missing or out of range",
+    ResultCode.INCOMPLETE: "no complete message queued, or a transfer was stopped",
+    ResultCode.INTERNAL_ERROR: "the library caught an unexpected exception",
+    ResultCode.NOT_CONNECTED: "no port open, connection unknown, or the device went away",
+    ResultCode.COMMUNICATION_ERROR: "the device answered with an error reply",
+    ResultCode.ALREADY_OPENED: "the library, connection or port is open already",
+    ResultCode.BTH_DISABLED: "no usable Bluetooth adapter",
+    ResultCode.PAYLOAD_TOO_LARGE: "a payload or buffer exceeds 4095 bytes",
+    ResultCode.RETRY: "the device asked for a resend",
+}
+
+# Set by the loader when the library exports its own names and descriptions:
+# functions from a result word to text (or None).
+_library_name = None
+_library_description = None
+
+
+def code_of(word):
+    """The ResultCode of a result word, or None for a device status word."""
+    code = word >> 24
+    if word & 0x00FFFFFF or code >= len(ResultCode):
+        return None
+    return ResultCode(code)
+
+
+def result_name(word):
+    """'eVYRIX_INVALID_ARGUMENT' for a library code, else 'device status 0x...'."""
+    name = _library_name(word) if _library_name else None
+    if name:
+        return name
+    code = code_of(word)
+    return "eVYRIX_" + code.name if code is not None else "device status 0x%08X" % word
+
+
+def result_description(word):
+    text = _library_description(word) if _library_description else None
+    if text:
+        return text
+    code = code_of(word)
+    if code is None:
+        return "status word reported by the device"
+    return _DESCRIPTIONS.get(code, "")
+
+
+class VyrixError(Exception):
+    """A failed library call; .code is the 32-bit result word."""
+
+    result_code = None  # the ResultCode of the subclass
+
+    def __init__(self, code, what=None):
+        self.code = code
+        self.what = what
+        text = result_name(code)
+        if "0x%08X" % code not in text:
+            text += " (0x%08X)" % code
+        description = result_description(code)
+        if description:
+            text += ": " + description
+        if what:
+            text = "%s: %s" % (what, text)
+        super().__init__(text)
+
+
+class DeviceStatus(VyrixError):
+    """A status word the device reported that is not one of the library's codes."""
+
+
+class Failure(VyrixError): result_code = ResultCode.FAILURE
+class NotSupported(VyrixError): result_code = ResultCode.NOT_SUPPORTED
+class Timeout(VyrixError): result_code = ResultCode.TIMEOUT
+class Uninitialized(VyrixError): result_code = ResultCode.UNINITIALIZED
+class InvalidArgument(VyrixError, ValueError): result_code = ResultCode.INVALID_ARGUMENT
+class InitFailure(VyrixError): result_code = ResultCode.INIT_FAILURE
+class Incomplete(VyrixError): result_code = ResultCode.INCOMPLETE
+# Not "NotImplemented": that would shadow the built-in constant on import *.
+class NotImplementedOnDevice(VyrixError): result_code = ResultCode.NOT_IMPLEMENTED
+class InternalError(VyrixError): result_code = ResultCode.INTERNAL_ERROR
+class DeviceError(VyrixError): result_code = ResultCode.DEVICE_ERROR
+class ResourceBusy(VyrixError): result_code = ResultCode.RESOURCE_BUSY
+class ResourceFull(VyrixError): result_code = ResultCode.RESOURCE_FULL
+class InvalidChecksum(VyrixError): result_code = ResultCode.INVALID_CHECKSUM
+class InvalidData(VyrixError): result_code = ResultCode.INVALID_DATA
+class InvalidContext(VyrixError): result_code = ResultCode.INVALID_CONTEXT
+class ArgumentOutOfRange(VyrixError): result_code = ResultCode.ARGUMENT_OUT_OF_RANGE
+class InvalidCallState(VyrixError): result_code = ResultCode.INVALID_CALL_STATE
+class ConditionsNotCorrect(VyrixError): result_code = ResultCode.CONDITIONS_NOT_CORRECT
+class NoMoreResources(VyrixError): result_code = ResultCode.NO_MORE_RESOURCES
+class OsError(VyrixError): result_code = ResultCode.OS_ERROR
+class Empty(VyrixError): result_code = ResultCode.EMPTY
+class NotConnected(VyrixError): result_code = ResultCode.NOT_CONNECTED
+class CommunicationError(VyrixError): result_code = ResultCode.COMMUNICATION_ERROR
+class AlreadyOpened(VyrixError): result_code = ResultCode.ALREADY_OPENED
+class BthDisabled(VyrixError): result_code = ResultCode.BTH_DISABLED
+class PayloadTooLarge(VyrixError): result_code = ResultCode.PAYLOAD_TOO_LARGE
+class Retry(VyrixError): result_code = ResultCode.RETRY
+class ReconnectFailed(VyrixError): result_code = ResultCode.RECONNECT_FAILED
+
+
+ERROR_CLASSES = {cls.result_code: cls for cls in VyrixError.__subclasses__() if cls.result_code is not None}
+
+
+def error_for(word, what=None):
+    """The exception for a non-zero result word."""
+    code = code_of(word)
+    return ERROR_CLASSES.get(code, DeviceStatus)(word, what)
+
+
+def check(word, what=None):
+    """Raise the matching VyrixError unless the result word is 0."""
+    if word:
+        raise error_for(word, what)
+
+
+__all__ = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"]
+__all__ += [c.__name__ for c in ERROR_CLASSES.values()]
