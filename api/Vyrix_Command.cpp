@@ -101,18 +101,23 @@ Vyrix_ReturnStatus SendXlnkMsg(unsigned char /*opcode*/, unsigned char* pPayload
                       pPayload};
     pPayload[0] = kCommandMarker;
     pPayload[1] = kCommandMarker;
+    const CommandRoute& route = ConnectionScope::Current();
     {
+        // The numbers count on across connections; each connection
+        // remembers its own last one, so two devices driven from two
+        // threads never take each other's replies for their own.
         LibraryLock lock;
         uint8_t& sequence = g_pLibCtx->sequenceNumber;
         sequence = static_cast<uint8_t>(sequence + 1);
         if (sequence > kMaxSequenceNumber) sequence = 1;
         pPayload[2] = sequence & kSequenceMask;
+        if (route.connection != nullptr) route.connection->sequenceNumber = sequence;
     }
     FlushMsgQueue();
-    return KtSendMsg(record);
+    return route.link ? LlcSend(route.link, record) : KtSendMsg(record);
 }
 
-void FlushMsgQueue() { LlcDropReplies(); }
+void FlushMsgQueue() { LlcDropReplies(ConnectionScope::Current().link); }
 
 Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId) {
     if (ppReply == nullptr || pReplyLen == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
@@ -125,7 +130,7 @@ Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, 
     record.pPayload = *ppReply;
     Vyrix_ReturnStatus r;
     if (protocolId == ePROTOCOL_CONNECTION_ORIENTED)
-        r = KtRemoveMsg(&record, ConnectionScope::ReplyRetryCount());
+        r = LlcWaitReply(ConnectionScope::Current().link, &record, ConnectionScope::ReplyTimeoutMs());
     else if (protocolId == ePROTOCOL_CONNECTIONLESS)
         r = KtRemoveConnectionlessMsg(&record);
     else
@@ -154,7 +159,8 @@ Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg) {
     uint8_t expected;
     {
         LibraryLock lock;
-        expected = g_pLibCtx ? g_pLibCtx->sequenceNumber : 0;
+        const Vyrix_Connection* connection = ConnectionScope::Current().connection;
+        expected = connection != nullptr ? connection->sequenceNumber : g_pLibCtx ? g_pLibCtx->sequenceNumber : 0;
     }
     return (p[2] & kSequenceMask) == expected ? eVYRIX_RETURN_SUCCESS : Result(eVYRIX_FAILURE);
 }

@@ -1,5 +1,7 @@
 // The table of open connections, the records behind the handles, and the
 // per-connection settings that an operation's command uses.
+#include <limits.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -7,13 +9,12 @@
 #include <mutex>
 #include <new>
 
-#include "LLC_Common.h"
+#include "LLC_Links.h"
 #include "Vyrix_Internal.h"
 
 namespace {
 constexpr Vyrix_ReturnStatus Result(Vyrix_ReturnCodeE code) { return VYRIX_RESULT(code); }
 constexpr size_t kSerialNumberCompare = 100;
-constexpr size_t kPortNameCompare = 11;
 constexpr unsigned int kNoIndex = 0xFFFFFFFFu;
 constexpr uint32_t kUsbProductId = 4;
 constexpr uint32_t kUartBaudRate = 57600;
@@ -32,12 +33,21 @@ bool ValidRecord(const Vyrix_ConnectionInfoS& info) {
     return false;
 }
 
+// Two names of one serial device: the same path once symbolic links are
+// resolved (a name that does not resolve compares as written).
+bool SamePath(const char* a, const char* b) {
+    char realA[PATH_MAX], realB[PATH_MAX];
+    const char* left = realpath(a, realA) != nullptr ? realA : a;
+    const char* right = realpath(b, realB) != nullptr ? realB : b;
+    return strcmp(left, right) == 0;
+}
+
 bool SameDevice(const Vyrix_ConnectionInfoS& a, const Vyrix_ConnectionInfoS& b) {
     if (a.connectionType != b.connectionType) return false;
     switch (a.connectionType) {
         case eVYRIX_CONNECTION_USB:
             return strncmp(a.usbInfo.pSerialNumber, b.usbInfo.pSerialNumber, kSerialNumberCompare) == 0;
-        case eVYRIX_CONNECTION_UART: return strncmp(a.uartInfo.pPortName, b.uartInfo.pPortName, kPortNameCompare) == 0;
+        case eVYRIX_CONNECTION_UART: return SamePath(a.uartInfo.pPortName, b.uartInfo.pPortName);
         case eVYRIX_CONNECTION_BTH: return strcmp(a.bthInfo.pMacID, b.bthInfo.pMacID) == 0;
     }
     return false;
@@ -85,13 +95,26 @@ RecordPool& Records() {
     return pool;
 }
 
-thread_local unsigned int t_replyTimeoutMs = 0;
+thread_local CommandRoute t_route;
 
-Vyrix_ReturnStatus OpenPortFor(const Vyrix_ConnectionInfoS& info) {
+KtTransportE TransportOf(const Vyrix_ConnectionInfoS& info) {
     switch (info.connectionType) {
-        case eVYRIX_CONNECTION_USB: return KtOpenUsbPort();
-        case eVYRIX_CONNECTION_UART: return KtOpenSerialPortByName(info.uartInfo.pPortName, info.uartInfo.baudRate);
-        case eVYRIX_CONNECTION_BTH: return KtOpenBTHSocket(info.bthInfo.pMacID, info.bthInfo.pPassKey);
+        case eVYRIX_CONNECTION_USB: return eTRANSPORT_USB;
+        case eVYRIX_CONNECTION_UART: return eTRANSPORT_SERIAL;
+        case eVYRIX_CONNECTION_BTH: break;
+    }
+    return eTRANSPORT_BTH;
+}
+
+Vyrix_ReturnStatus OpenPortFor(const Vyrix_ConnectionInfoS& info, KtHandlerRef* pLink) {
+    switch (info.connectionType) {
+        case eVYRIX_CONNECTION_USB:
+            return LlcOpenLink(KtLinkRequestS{eTRANSPORT_USB, info.usbInfo.pSerialNumber, nullptr, 0}, pLink);
+        case eVYRIX_CONNECTION_UART:
+            return LlcOpenLink(
+                KtLinkRequestS{eTRANSPORT_SERIAL, info.uartInfo.pPortName, nullptr, info.uartInfo.baudRate}, pLink);
+        case eVYRIX_CONNECTION_BTH:
+            return LlcOpenLink(KtLinkRequestS{eTRANSPORT_BTH, info.bthInfo.pMacID, info.bthInfo.pPassKey, 0}, pLink);
     }
     return Result(eVYRIX_FAILURE);
 }
@@ -106,18 +129,19 @@ Vyrix_Connection* FindConnection(const void* handle) {
     return nullptr;
 }
 
-ConnectionScope::ConnectionScope(const void* handle) : m_saved(t_replyTimeoutMs) {
+ConnectionScope::ConnectionScope(const void* handle) : m_saved(t_route) {
     LibraryLock lock;
-    const Vyrix_Connection* entry = FindConnection(handle);
-    t_replyTimeoutMs = entry != nullptr ? entry->replyTimeoutMs : 0;
+    Vyrix_Connection* entry = FindConnection(handle);
+    t_route = entry != nullptr ? CommandRoute{entry, entry->link, entry->replyTimeoutMs} : CommandRoute{};
 }
 
-ConnectionScope::~ConnectionScope() { t_replyTimeoutMs = m_saved; }
+ConnectionScope::~ConnectionScope() { t_route = m_saved; }
 
-int ConnectionScope::ReplyRetryCount() {
-    if (t_replyTimeoutMs == 0) return kReplyRetryCount;
-    const unsigned periods = (t_replyTimeoutMs + KT_REMOVE_POLL_MS - 1) / KT_REMOVE_POLL_MS;
-    return static_cast<int>(periods) - 1;
+const CommandRoute& ConnectionScope::Current() { return t_route; }
+
+unsigned long ConnectionScope::ReplyTimeoutMs() {
+    if (t_route.replyTimeoutMs != 0) return t_route.replyTimeoutMs;
+    return (static_cast<unsigned long>(kReplyRetryCount) + 1) * KT_REMOVE_POLL_MS;
 }
 
 Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex) {
@@ -137,15 +161,11 @@ Vyrix_ReturnStatus CloseConnection(unsigned int index) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
     if (index >= table.size()) return Result(eVYRIX_INVALID_ARGUMENT);
-    Vyrix_ReturnStatus r;
-    switch (table[index]->info.connectionType) {
-        case eVYRIX_CONNECTION_USB: r = KtCloseUsbPort(); break;
-        case eVYRIX_CONNECTION_UART: r = KtCloseSerialPort(); break;
-        case eVYRIX_CONNECTION_BTH: r = KtCloseBTHSocket(); break;
-        default: return Result(eVYRIX_FAILURE);
-    }
+    Vyrix_Connection* entry = table[index];
+    Vyrix_ReturnStatus r = LlcCloseLink(TransportOf(entry->info), entry->link);
     if (r == eVYRIX_RETURN_SUCCESS) {
-        Records().Retire(table[index]);
+        entry->link.reset();
+        Records().Retire(entry);
         table.erase(table.begin() + index);
     }
     return r;
@@ -176,9 +196,9 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
             LibraryLock lock;
             g_pLibCtx->connections.reserve(g_pLibCtx->connections.size() + 1);
         }
-        // The port opens outside the library lock; the LLC keeps two opens
-        // of one transport apart.
-        Vyrix_ReturnStatus r = OpenPortFor(info);
+        // The port opens outside the library lock; the lock file keeps two
+        // opens of one device apart.
+        Vyrix_ReturnStatus r = OpenPortFor(info, &stored->link);
         if (r != eVYRIX_RETURN_SUCCESS) {
             Records().Retire(stored);
             return r;
@@ -217,6 +237,27 @@ extern "C" Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned i
         if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
         entry->replyTimeoutMs = milliseconds;
         return eVYRIX_RETURN_SUCCESS;
+    } catch (...) {
+        return Result(eVYRIX_INTERNAL_ERROR);
+    }
+}
+
+extern "C" Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
+                                                          uint16_t* pLength) {
+    if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    if (pPayload == nullptr || pLength == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+    try {
+        KtHandlerRef link;
+        {
+            LibraryLock lock;
+            Vyrix_Connection* entry = FindConnection(connHandle);
+            if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+            link = entry->link;
+        }
+        KtXlnkMsgS msg{0, 0, 0, 0, capacity, pPayload};
+        Vyrix_ReturnStatus r = LlcTakeMessage(link, &msg);
+        if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_PAYLOAD_TOO_LARGE)) *pLength = msg.payloadLen;
+        return r;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
     }

@@ -6,17 +6,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "Vyrix_Api.h"
 #include "Vyrix_LLC_Api_Ex.h"
 #include "vyrix_version.h"
 
+class CCommHandler;
+
 // One open connection.  The application's record comes first, so the
 // handle (the address of this) also points at the record.
 struct Vyrix_Connection {
     Vyrix_ConnectionInfoS info;
-    unsigned int replyTimeoutMs;  // 0: the default
+    unsigned int replyTimeoutMs = 0;     // 0: the default
+    uint8_t sequenceNumber = 0;          // of the last command sent on it
+    std::shared_ptr<CCommHandler> link;  // the port its commands travel over
 };
 
 struct Vyrix_LibraryContext {
@@ -40,7 +45,7 @@ constexpr unsigned kCommandHeader = 4;      // markers, sequence, opcode
 constexpr unsigned kReplyStatusOffset = 3;  // status word
 constexpr unsigned kReplyValuesOffset = 7;  // first reply value
 constexpr unsigned short kReplyCapacity = 4096;
-constexpr int kReplyRetryCount = 7500;  // about 750 s of waiting
+constexpr int kReplyRetryCount = 7500;  // about 750 s of waiting: 7501 periods of 100 ms
 // A closed connection's record is not handed out again for this many opens,
 // so a stale handle never names a newer connection.
 constexpr size_t kRetiredConnections = 65536;
@@ -61,8 +66,17 @@ Vyrix_Connection* FindConnection(const void* handle);
 // Puts a record that leaves the table aside (it is not freed for reuse).
 void RetireConnection(Vyrix_Connection* record);
 
-// What an operation's command needs from its connection, for the
-// operation's duration on its thread.
+// Where an operation's command goes: the connection its handle names (its
+// port, sequence number and reply time-out), or, for a handle that is not
+// in the table, nothing: the first open transport, as the link layer
+// chooses.
+struct CommandRoute {
+    Vyrix_Connection* connection = nullptr;
+    std::shared_ptr<CCommHandler> link;
+    unsigned int replyTimeoutMs = 0;
+};
+
+// Sets the route of the operations on this thread for its lifetime.
 class ConnectionScope {
 public:
     explicit ConnectionScope(const void* handle);
@@ -70,12 +84,12 @@ public:
     ConnectionScope(const ConnectionScope&) = delete;
     ConnectionScope& operator=(const ConnectionScope&) = delete;
 
-    // How long the current command waits for its reply, in 100 ms periods
-    // after the first (the receive functions' retry count).
-    static int ReplyRetryCount();
+    static const CommandRoute& Current();
+    // How long the current command waits for its reply, in milliseconds.
+    static unsigned long ReplyTimeoutMs();
 
 private:
-    unsigned int m_saved;
+    CommandRoute m_saved;
 };
 
 VYRIX_API Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);

@@ -280,9 +280,8 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConn
 VYRIX_API Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle);
 
 /* Extension.  How long commands on this connection wait for the device's
- * reply, in milliseconds (rounded up to 100 ms); 0 restores the default of
- * about 750 s.  0; 0x04000000 library not open; 0x05000000 null, unknown or
- * closed handle.  Thread-safe. */
+ * reply, in milliseconds; 0 restores the default of about 750 s.  0; 0x04000000 library not open; 0x05000000 null,
+ * unknown or closed handle.  Thread-safe. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned int milliseconds);
 
 /* ===== Display and video settings ======================================= *
@@ -492,6 +491,20 @@ VYRIX_API const char* Vyrix_GetResultName(Vyrix_ReturnStatus result);
  * Result: a static string, never null.
  * Thread safety: may be called from any thread at any time. */
 VYRIX_API const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result);
+
+/* Takes the oldest message that the device of this connection sent of its
+ * own accord (as KtRemoveConnectionlessMsg does for the first open port), so
+ * that an application with several devices can tell their messages apart:
+ * in the connectionless callback, take from each connection's handle until
+ * it has none.  The payload goes to pPayload (capacity bytes; 0 means 4095)
+ * and its length to *pLength.  Does not wait.
+ * Results: 0; 0x07000000 none queued; 0x1A000000 the message was longer than
+ * the capacity (it is taken, cut to the capacity); 0x16000000 the device is
+ * gone and nothing is left; 0x05000000 null pointer, or a handle that is not
+ * an open connection; 0x04000000 library not open.
+ * Thread safety: any thread, the callback's included. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
+                                                         uint16_t* pLength);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -18,33 +18,62 @@ KtHandlerRef ChooseHandler(const char* function) {
     return handler;
 }
 
-template <typename OpenFn>
-Vyrix_ReturnStatus OpenTransport(KtTransportE transport, const char* function, const char* alreadyOpen,
-                                 const char* openError, OpenFn open) {
+// What the open and close functions of a transport say, named after them.
+struct TransportTexts {
+    const char* openFunction;
+    const char* alreadyOpen;
+    const char* openError;
+    const char* closeFunction;
+};
+const TransportTexts kTexts[KT_TRANSPORT_COUNT] = {
+    {"KtOpenUsbPort", "<ERROR> %s :USB port already opened\n", "<ERROR> %s :Error opening USB port\n",
+     "KtCloseUsbPort"},
+    {"KtOpenSerialPortByName", "<ERROR> %s :Serial port already opened\n", "<ERROR> %s :Error opening serial port\n",
+     "KtCloseSerialPort"},
+    {"KtOpenBTHSocket", "<ERROR> %s :BTH socket already opened\n", "<ERROR> %s :Error opening bth socket\n",
+     "KtCloseBTHSocket"},
+};
+
+Vyrix_ReturnStatus OpenHandler(CCommHandler& handler, const KtLinkRequestS& request) {
+    switch (request.transport) {
+        case eTRANSPORT_USB: return handler.OpenPort(request.name);
+        case eTRANSPORT_SERIAL: return handler.OpenPort(request.name, request.baud);
+        case eTRANSPORT_BTH: return handler.OpenPort(request.name, request.passKey);
+    }
+    return RC(eVYRIX_FAILURE);
+}
+
+// Opens a port on the transport unless it holds `limit` ports already.
+Vyrix_ReturnStatus OpenTransport(const KtLinkRequestS& request, const char* function, size_t limit,
+                                 KtHandlerRef* pLink) {
     LogStart();
+    const TransportTexts& texts = kTexts[request.transport];
     CHandlerTable& table = CHandlerTable::Instance();
-    if (table.Count(transport) > 0) {
-        LlcLog(alreadyOpen, function);
+    if (table.Count(request.transport) >= limit) {
+        LlcLog(texts.alreadyOpen, function);
         return RC(eVYRIX_ALREADY_OPENED);
     }
     auto handler = std::make_shared<CCommHandler>();
-    Vyrix_ReturnStatus r = open(*handler);
+    Vyrix_ReturnStatus r = OpenHandler(*handler, request);
     if (r != RC_OK) {
-        LlcLog(openError, function);
+        LlcLog(texts.openError, function);
         return r;
     }
-    if (!table.Add(transport, handler, 1)) {  // another thread opened one meanwhile
+    if (!table.Add(request.transport, handler, limit)) {  // another thread was quicker
         handler->ClosePort();
-        LlcLog(alreadyOpen, function);
+        LlcLog(texts.alreadyOpen, function);
         return RC(eVYRIX_ALREADY_OPENED);
     }
+    if (request.transport == eTRANSPORT_USB) LlcLog("<INFO> %s :USB port opened successfully\n", function);
+    if (pLink != nullptr) *pLink = handler;
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CloseTransport(KtTransportE transport, const char* function) {
-    CHandlerTable& table = CHandlerTable::Instance();
-    KtHandlerRef handler = table.First(transport);
-    if (handler == nullptr || !table.Remove(handler)) {
+// Takes the port out of the table and closes it; closing any port ends the
+// log.
+Vyrix_ReturnStatus CloseHandler(const KtHandlerRef& handler, KtTransportE transport) {
+    const char* function = kTexts[transport].closeFunction;
+    if (handler == nullptr || !CHandlerTable::Instance().Remove(handler)) {
         LlcLog("<ERROR> %s :No port opened for communication\n", function);
         return RC(eVYRIX_NOT_CONNECTED);
     }
@@ -54,7 +83,13 @@ Vyrix_ReturnStatus CloseTransport(KtTransportE transport, const char* function) 
     } catch (...) {
         // The handler goes whatever its close did.
     }
+    if (transport == eTRANSPORT_USB && r == RC_OK) LlcLog("<INFO> %s :USB port closed successfully\n", function);
+    LogEnd();
     return r;
+}
+
+Vyrix_ReturnStatus CloseTransport(KtTransportE transport) {
+    return CloseHandler(CHandlerTable::Instance().First(transport), transport);
 }
 
 Vyrix_ReturnStatus CheckTransport(KtTransportE transport) {
@@ -99,29 +134,50 @@ Vyrix_ReturnStatus Enumerate(Vyrix_ReturnStatus (CCommHandler::*enumerate)(unsig
 }
 }  // namespace
 
-void LlcDropReplies() {
-    KtHandlerRef handler = CHandlerTable::Instance().FirstOpen();
+Vyrix_ReturnStatus LlcOpenLink(const KtLinkRequestS& request, KtHandlerRef* pLink) {
+    return OpenTransport(request, kTexts[request.transport].openFunction, KT_MAX_PORTS_PER_TRANSPORT, pLink);
+}
+
+Vyrix_ReturnStatus LlcCloseLink(KtTransportE transport, const KtHandlerRef& link) {
+    return CloseHandler(link, transport);
+}
+
+Vyrix_ReturnStatus LlcSend(const KtHandlerRef& link, KtXlnkMsgS sMsg) {
+    KtHandlerRef handler = link ? link : ChooseHandler("KtSendMsg");
+    return handler ? handler->SendMsg(sMsg) : RC(eVYRIX_NOT_CONNECTED);
+}
+
+Vyrix_ReturnStatus LlcWaitReply(const KtHandlerRef& link, KtXlnkMsgS* pMsg, unsigned long ms) {
+    KtHandlerRef handler = link ? link : ChooseHandler("KtRemoveMsg");
+    if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
+    if (pMsg != nullptr) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
+    return handler->WaitReply(pMsg, CDeadline::After(ms));
+}
+
+void LlcDropReplies(const KtHandlerRef& link) {
+    KtHandlerRef handler = link ? link : CHandlerTable::Instance().FirstOpen();
     if (handler != nullptr) handler->DropReplies();
+}
+
+Vyrix_ReturnStatus LlcTakeMessage(const KtHandlerRef& link, KtXlnkMsgS* pMsg) {
+    KtHandlerRef handler = link ? link : ChooseHandler("KtRemoveConnectionlessMsg");
+    if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
+    if (pMsg != nullptr && pMsg->payloadLen == 0) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
+    return handler->RemoveMsg(eCONNECTIONLESS, pMsg);
 }
 
 extern "C" {
 
 Vyrix_ReturnStatus KtOpenUsbPort(void) {
     try {
-        Vyrix_ReturnStatus r =
-            OpenTransport(eTRANSPORT_USB, "KtOpenUsbPort", "<ERROR> %s :USB port already opened\n",
-                          "<ERROR> %s :Error opening USB port\n", [](CCommHandler& h) { return h.OpenPort(); });
-        if (r == RC_OK) LlcLog("<INFO> %s :USB port opened successfully\n", "KtOpenUsbPort");
-        return r;
+        return OpenTransport(KtLinkRequestS{eTRANSPORT_USB, nullptr, nullptr, 0}, "KtOpenUsbPort", 1, nullptr);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
 }
 
 static Vyrix_ReturnStatus OpenSerial(const char* function, const char* pPortName, DWORD dwBaud) {
-    return OpenTransport(eTRANSPORT_SERIAL, function, "<ERROR> %s :Serial port already opened\n",
-                         "<ERROR> %s :Error opening serial port\n",
-                         [&](CCommHandler& h) { return h.OpenPort(pPortName, dwBaud); });
+    return OpenTransport(KtLinkRequestS{eTRANSPORT_SERIAL, pPortName, nullptr, dwBaud}, function, 1, nullptr);
 }
 
 Vyrix_ReturnStatus KtOpenSerialPort(int nCom, DWORD dwBaud) {
@@ -148,9 +204,7 @@ Vyrix_ReturnStatus KtOpenSerialPortByName(const char* pPortName, DWORD dwBaud) {
 
 Vyrix_ReturnStatus KtOpenBTHSocket(const char* macID, const char* passKey) {
     try {
-        return OpenTransport(eTRANSPORT_BTH, "KtOpenBTHSocket", "<ERROR> %s :BTH socket already opened\n",
-                             "<ERROR> %s :Error opening bth socket\n",
-                             [&](CCommHandler& h) { return h.OpenPort(macID, passKey); });
+        return OpenTransport(KtLinkRequestS{eTRANSPORT_BTH, macID, passKey, 0}, "KtOpenBTHSocket", 1, nullptr);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -197,10 +251,7 @@ Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount) {
 
 Vyrix_ReturnStatus KtRemoveConnectionlessMsg(KtXlnkMsgS* pMsg) {
     try {
-        KtHandlerRef handler = ChooseHandler("KtRemoveConnectionlessMsg");
-        if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
-        if (pMsg != nullptr && pMsg->payloadLen == 0) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
-        return handler->RemoveMsg(eCONNECTIONLESS, pMsg);
+        return LlcTakeMessage(nullptr, pMsg);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -228,11 +279,7 @@ Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE* pPriorit
 
 Vyrix_ReturnStatus KtCloseUsbPort(void) {
     try {
-        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_USB) > 0;
-        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_USB, "KtCloseUsbPort");
-        if (wasOpen && r == RC_OK) LlcLog("<INFO> %s :USB port closed successfully\n", "KtCloseUsbPort");
-        if (wasOpen) LogEnd();
-        return r;
+        return CloseTransport(eTRANSPORT_USB);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -240,10 +287,7 @@ Vyrix_ReturnStatus KtCloseUsbPort(void) {
 
 Vyrix_ReturnStatus KtCloseSerialPort(void) {
     try {
-        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_SERIAL) > 0;
-        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_SERIAL, "KtCloseSerialPort");
-        if (wasOpen) LogEnd();
-        return r;
+        return CloseTransport(eTRANSPORT_SERIAL);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -251,10 +295,7 @@ Vyrix_ReturnStatus KtCloseSerialPort(void) {
 
 Vyrix_ReturnStatus KtCloseBTHSocket(void) {
     try {
-        bool wasOpen = CHandlerTable::Instance().Count(eTRANSPORT_BTH) > 0;
-        Vyrix_ReturnStatus r = CloseTransport(eTRANSPORT_BTH, "KtCloseBTHSocket");
-        if (wasOpen) LogEnd();
-        return r;
+        return CloseTransport(eTRANSPORT_BTH);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }

@@ -37,8 +37,8 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage,
     return RC_OK;
 }
 
-Vyrix_ReturnStatus CCommHandler::OpenPort() {
-    return StartLink(new CUsbPort(), "<ERROR> %s :Error during OSAL open USB port\n", true);
+Vyrix_ReturnStatus CCommHandler::OpenPort(const char* preferredSerial) {
+    return StartLink(new CUsbPort(preferredSerial), "<ERROR> %s :Error during OSAL open USB port\n", true);
 }
 
 Vyrix_ReturnStatus CCommHandler::OpenPort(const char* pPortName, DWORD dwBaud) {

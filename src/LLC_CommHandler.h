@@ -30,7 +30,8 @@ public:
     CCommHandler(const CCommHandler&) = delete;
     CCommHandler& operator=(const CCommHandler&) = delete;
 
-    Vyrix_ReturnStatus OpenPort();                                                // USB
+    // USB: the first free device, the one with this serial number first.
+    Vyrix_ReturnStatus OpenPort(const char* preferredSerial = nullptr);
     Vyrix_ReturnStatus OpenPort(const char* pPortName, DWORD dwBaud);             // serial
     Vyrix_ReturnStatus OpenPort(const char* m_uniqueID, const char* m_pass_Key);  // Bluetooth
 

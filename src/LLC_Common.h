@@ -8,6 +8,9 @@
 #include "Vyrix_LLC_Api_Ex.h"
 #include "vyrix_rc.h"
 
+// Ports the connections of the API layer may hold open on one transport.
+constexpr size_t KT_MAX_PORTS_PER_TRANSPORT = 8;
+
 // Line settings of the serial transport.
 constexpr unsigned long KT_VYRIX_BAUDRATE = 57600;
 

@@ -1,9 +1,36 @@
-// Link-layer services for the API layer of this library (not exported).
+// Link-layer services for the API layer of this library (not exported):
+// the ports of its connections, several per transport, each reached through
+// its own handler.
 #ifndef LLC_LINKS_H
 #define LLC_LINKS_H
 
-// Drops the replies queued on the first open transport without waiting, and
-// ends its wait for a reply: stale replies before a new command.
-void LlcDropReplies();
+#include "LLC_HandlerTable.h"
+
+// What a connection asks the link layer to open.
+struct KtLinkRequestS {
+    KtTransportE transport;
+    const char* name;     // serial device path, Bluetooth address, or the USB serial number wanted
+    const char* passKey;  // Bluetooth
+    DWORD baud;           // serial
+};
+
+// Opens one more port for a connection: as the transport's Kt open function
+// (the same checks, results and log entries, named after it), but a
+// transport holds up to KT_MAX_PORTS_PER_TRANSPORT ports.  *pLink receives
+// the port's handler.
+Vyrix_ReturnStatus LlcOpenLink(const KtLinkRequestS& request, KtHandlerRef* pLink);
+// Closes that port as the transport's Kt close function does.
+Vyrix_ReturnStatus LlcCloseLink(KtTransportE transport, const KtHandlerRef& link);
+
+// As KtSendMsg, KtRemoveMsg (with a time-out in milliseconds) and
+// KtRemoveConnectionlessMsg, on the given port; a null link means the first
+// open transport's port.
+Vyrix_ReturnStatus LlcSend(const KtHandlerRef& link, KtXlnkMsgS sMsg);
+Vyrix_ReturnStatus LlcWaitReply(const KtHandlerRef& link, KtXlnkMsgS* pMsg, unsigned long ms);
+Vyrix_ReturnStatus LlcTakeMessage(const KtHandlerRef& link, KtXlnkMsgS* pMsg);
+
+// Drops the replies queued on the port without waiting, and ends its wait
+// for a reply: stale replies before a new command.
+void LlcDropReplies(const KtHandlerRef& link);
 
 #endif  // LLC_LINKS_H

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "LLC_Utility.h"
 
@@ -40,8 +41,9 @@ bool CUsbPort::ListDevices(const char* function, libusb_device*** list, ssize_t*
     return true;
 }
 
-CUsbPort::CUsbPort()
-    : m_vyrixHandle(nullptr),
+CUsbPort::CUsbPort(const char* preferredSerial)
+    : m_preferredSerial(preferredSerial != nullptr ? preferredSerial : ""),
+      m_vyrixHandle(nullptr),
       m_ctx(nullptr),
       m_vyrixdev(nullptr),
       m_bus_num(0),
@@ -119,13 +121,18 @@ CUsbPort::Match CUsbPort::InspectDevice(libusb_device* dev) {
     return found ? Match::kTake : Match::kNoEndpoint;
 }
 
-Vyrix_ReturnStatus CUsbPort::OpenPort() {
-    if (m_vyrixHandle != nullptr) return RC(eVYRIX_ALREADY_OPENED);
-    libusb_device** list = nullptr;
-    ssize_t count = 0;
-    if (!ListDevices("OpenPort", &list, &count)) return RC(eVYRIX_FAILURE);
-    libusb_device* taken = nullptr;
-    for (ssize_t i = 0; i < count && taken == nullptr; ++i) {
+bool CUsbPort::HasPreferredSerial(libusb_device* dev, const libusb_device_descriptor& desc) {
+    libusb_device_handle* handle = nullptr;
+    if (libusb_open(dev, &handle) != 0) return false;
+    char text[KT_USB_STRING_SIZE] = {0};
+    const bool same = GetSerialNumberString(handle, desc.iSerialNumber, text, sizeof text) > 0 &&
+                      m_preferredSerial == std::string(text);
+    libusb_close(handle);
+    return same;
+}
+
+libusb_device* CUsbPort::TakeFirstFree(libusb_device** list, ssize_t count, bool preferredOnly) {
+    for (ssize_t i = 0; i < count; ++i) {
         libusb_device_descriptor desc{};
         int err = libusb_get_device_descriptor(list[i], &desc);
         if (err != 0) {
@@ -133,12 +140,28 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
             continue;
         }
         if (!IsVyrix(desc)) continue;
-        if (InspectDevice(list[i]) == Match::kNoEndpoint) break;  // later devices are not tried
+        if (InspectDevice(list[i]) == Match::kNoEndpoint) return nullptr;  // later devices are not tried
         m_bus_num = libusb_get_bus_number(list[i]);
         m_dev_addr = libusb_get_device_address(list[i]);
         LlcLog("<INFO> %s: Found Device on bus %03d and addr %03d.\n", "OpenPort", m_bus_num, m_dev_addr);
-        if (CreateLockFile() == RC_OK) taken = list[i];
+        if (CreateLockFile() != RC_OK) continue;
+        // Only a free device is asked for its serial number: one that
+        // another port holds is not disturbed.
+        if (!preferredOnly || HasPreferredSerial(list[i], desc)) return list[i];
+        RemoveLockFile();
     }
+    return nullptr;
+}
+
+Vyrix_ReturnStatus CUsbPort::OpenPort() {
+    if (m_vyrixHandle != nullptr) return RC(eVYRIX_ALREADY_OPENED);
+    libusb_device** list = nullptr;
+    ssize_t count = 0;
+    if (!ListDevices("OpenPort", &list, &count)) return RC(eVYRIX_FAILURE);
+    // The device with the serial number asked for, when there is a free
+    // one; otherwise the first free device, as without a preference.
+    libusb_device* taken = m_preferredSerial.empty() ? nullptr : TakeFirstFree(list, count, true);
+    if (taken == nullptr) taken = TakeFirstFree(list, count, false);
     if (taken == nullptr) {
         LlcLog("<INFO> %s: No Devices Found.\n", "OpenPort");
         return FailOpen(list, RC(eVYRIX_NOT_CONNECTED));

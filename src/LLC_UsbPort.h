@@ -7,6 +7,7 @@
 #include <libusb.h>
 
 #include <atomic>
+#include <string>
 
 #include "LLC_LockFile.h"
 #include "LLC_Port.h"
@@ -18,7 +19,8 @@ extern std::atomic<unsigned char> vyrix_write_ep_;
 
 class CUsbPort : public CPort {
 public:
-    CUsbPort();
+    // Devices with this serial number are taken first (none: any device).
+    explicit CUsbPort(const char* preferredSerial = nullptr);
     ~CUsbPort() override;
     CUsbPort(const CUsbPort&) = delete;
     CUsbPort& operator=(const CUsbPort&) = delete;
@@ -46,6 +48,10 @@ public:
 private:
     enum class Match { kSkip, kTake, kNoEndpoint };
     Match InspectDevice(libusb_device* dev);
+    bool HasPreferredSerial(libusb_device* dev, const libusb_device_descriptor& desc);
+    // Takes the first free device of the product (with the preferred serial
+    // number only, if asked); null when there is none.
+    libusb_device* TakeFirstFree(libusb_device** list, ssize_t count, bool preferredOnly);
     // Starts the port's libusb context if needed and takes the device list.
     bool ListDevices(const char* function, libusb_device*** list, ssize_t* count);
     Vyrix_ReturnStatus CreateLockFile();
@@ -59,6 +65,7 @@ private:
     Vyrix_ReturnStatus FailOpen(libusb_device** list, Vyrix_ReturnStatus result);
     void FillRecord(libusb_device* dev, const libusb_device_descriptor& desc, Vyrix_EnumerateUSBInfo& record);
 
+    std::string m_preferredSerial;
     libusb_device_handle* m_vyrixHandle;
     libusb_context* m_ctx;
     libusb_device* m_vyrixdev;

@@ -4,13 +4,16 @@
 
 #include <future>
 #include <set>
+#include <thread>
 
 #include "ApiLink.h"
 #include "LLC_CommHandler.h"
+#include "Vyrix_Opcodes.h"
 
 namespace {
 
 using vt::ApiLink;
+using vt::Bytes;
 using vt::UartRecord;
 
 class Connections : public ApiLink {};
@@ -73,39 +76,39 @@ TEST_F(Connections, OpenStoresTheRecordWithTheApplicationsPointers) {
     EXPECT_TRUE(vt::FileExists(vt::SerialLockName(path)));
 }
 
-TEST_F(Connections, DuplicatesAreRefusedByTheTableOrByTheLinkLayer) {
-    void* again = reinterpret_cast<void*>(0x77);
-    EXPECT_EQ(Vyrix_OpenConnection(library, &again, UartRecord(path.c_str())), 0x18000000u);
-    EXPECT_EQ(again, reinterpret_cast<void*>(0x77));
-    EXPECT_EQ(vt::ReadFile(vt::LogPath()).find("Serial port already opened"), std::string::npos);  // the table said no
-
-    // Another name reaches the link layer, which has the transport open.
-    auto other = vyrix::sim::DeviceSimulator::OverPty();
-    EXPECT_EQ(Vyrix_OpenConnection(library, &again, UartRecord(other->SlavePath().c_str())), 0x18000000u);
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> KtOpenSerialPortByName :Serial port already opened\n"),
-              std::string::npos);
-    EXPECT_EQ(g_pLibCtx->connections.size(), 1u);
-}
-
-TEST(ConnectionTable, SerialNamesMatchOnTheirFirstElevenCharacters) {
-    auto sim = vyrix::sim::DeviceSimulator::OverPty();
-    const std::string first = "/tmp/vyrix_tty_first", second = "/tmp/vyrix_tty_second";
-    unlink(first.c_str());
-    ASSERT_EQ(symlink(sim->SlavePath().c_str(), first.c_str()), 0);
-    void* library = nullptr;
-    void* conn = nullptr;
-    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, UartRecord(first.c_str())), 0u);
-    unsigned index = 0;
-    EXPECT_EQ(GetConnectionHandleIndex(UartRecord(second.c_str()), &index), 0x18000000u);  // "/tmp/vyrix_" alike
+// A device already in the table is refused under any of its names; another
+// device on the same transport gets a port of its own.
+TEST_F(Connections, SameDeviceIsRefusedAnotherOneOpens) {
+    const std::string alias = vt::RuntimeDir() + "/vyrix_tty_alias";
+    ASSERT_EQ(symlink(path.c_str(), alias.c_str()), 0);
+    for (const std::string& name : {path, alias}) {
+        void* again = reinterpret_cast<void*>(0x77);
+        EXPECT_EQ(Vyrix_OpenConnection(library, &again, UartRecord(name.c_str())), 0x18000000u) << name;
+        EXPECT_EQ(again, reinterpret_cast<void*>(0x77));
+    }
+    unsigned index = 9;
+    EXPECT_EQ(GetConnectionHandleIndex(UartRecord(alias.c_str()), &index), 0x18000000u);
     EXPECT_EQ(index, 0u);
-    EXPECT_EQ(GetConnectionHandleIndex(UartRecord("/tmp/vyrox_x"), &index), 0x16000000u);
+    EXPECT_EQ(GetConnectionHandleIndex(UartRecord("/dev/vyrix-elsewhere"), &index), 0x16000000u);
     EXPECT_EQ(index, 0xFFFFFFFFu);
-    void* again = nullptr;
-    EXPECT_EQ(Vyrix_OpenConnection(library, &again, UartRecord(second.c_str())), 0x18000000u);
-    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
-    unlink(first.c_str());
-    EXPECT_FALSE(vt::FileExists(vt::RuntimeDir() + "/vyrix_llc_com__tmp_vyrix_tty_first.lock"));
+
+    auto other = vyrix::sim::DeviceSimulator::OverPty();
+    void* second = nullptr;
+    ASSERT_EQ(Vyrix_OpenConnection(library, &second, UartRecord(other->SlavePath().c_str())), 0u);
+    EXPECT_EQ(g_pLibCtx->connections.size(), 2u);
+    // The link-layer functions name no connection: the first port opened.
+    EXPECT_EQ(KtOpenSerialPortByName(other->SlavePath().c_str(), 57600), 0x18000000u);
+    Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
+    KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
+    ASSERT_EQ(KtSendMsg(msg), 0u);
+    EXPECT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));
+    EXPECT_EQ(other->ReceivedCount(), 0u);
+    // Closing one leaves the other working.
+    EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
+    uint8_t brightness = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(second, &brightness, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(brightness, 80);
+    unlink(alias.c_str());
 }
 
 TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {
@@ -206,6 +209,63 @@ TEST_F(Handles, CloseDuringACommandEndsItWithNotConnected) {
     EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
     EXPECT_EQ(command.get(), 0x16000000u);
     EXPECT_LT(watch.Ms(), 1000);
+}
+
+}  // namespace
+
+namespace {
+
+// Two devices on two serial lines, driven from two threads at once: each
+// thread's commands and their wire bytes reach its own device only, and
+// each device's own messages are told apart by their connection.
+TEST(TwoDevices, CommandsFromTwoThreadsReachTheirOwnDevice) {
+    std::unique_ptr<vyrix::sim::DeviceSimulator> sims[2] = {vyrix::sim::DeviceSimulator::OverPty(),
+                                                            vyrix::sim::DeviceSimulator::OverPty()};
+    void* library = nullptr;
+    void* conn[2] = {};
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    for (int d = 0; d < 2; ++d)
+        ASSERT_EQ(Vyrix_OpenConnection(library, &conn[d], vt::UartRecord(sims[d]->SlavePath().c_str())), 0u);
+    constexpr int kRounds = 50;
+    auto drive = [&](int d) {
+        for (int i = 0; i < kRounds; ++i) {
+            const uint8_t value = static_cast<uint8_t>(d * kRounds + i);
+            EXPECT_EQ(Vyrix_SetBrightness(conn[d], value, eVYRIX_STORAGE_CURRENT), 0u);
+            uint8_t back = 0;
+            EXPECT_EQ(Vyrix_GetBrightness(conn[d], &back, eVYRIX_STORAGE_CURRENT), 0u);
+            EXPECT_EQ(back, value);
+        }
+    };
+    std::thread first(drive, 0), second(drive, 1);
+    first.join();
+    second.join();
+    for (int d = 0; d < 2; ++d) {
+        std::vector<vyrix::sim::HostPacket> got = sims[d]->Received();
+        ASSERT_EQ(got.size(), 2u * kRounds) << "device " << d;
+        for (const vyrix::sim::HostPacket& p : got) {
+            if (p.payload[3] == eOP_SET_BRIGHTNESS) {
+                EXPECT_EQ(p.payload[4] / kRounds, d);
+            }
+        }
+    }
+
+    ASSERT_EQ(KtRegisterCallback(vt::CallbackCounter::Callback), 0u);
+    sims[1]->SendUnsolicited({0x2A, 0x2A, 0xB1});
+    sims[0]->SendUnsolicited({0x2A, 0x2A, 0xA0});
+    ASSERT_TRUE(vt::CallbackCounter::Instance().WaitFor(2));
+    const uint8_t mark[2] = {0xA0, 0xB1};
+    for (int d = 0; d < 2; ++d) {
+        uint8_t buf[16];
+        uint16_t length = 0;
+        ASSERT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length), 0u);
+        EXPECT_EQ(length, 3u);
+        EXPECT_EQ(buf[2], mark[d]);
+        EXPECT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length), 0x07000000u);
+    }
+    uint16_t length = 0;
+    uint8_t buf[4];
+    EXPECT_EQ(Vyrix_TakeUnpromptedMessage(&length, buf, sizeof buf, &length), 0x05000000u);
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
 }
 
 }  // namespace

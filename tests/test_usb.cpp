@@ -263,8 +263,10 @@ TEST_F(Usb, UnpluggedDeviceSaysNotConnectedAndClosesCleanly) {
     EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
 }
 
-// The whole stack over USB with the device simulator behind the emulation.
-TEST_F(Usb, CommandsTravelOverUsbAndUsbGoesFirst) {
+// The whole stack over USB with the device simulator behind the emulation:
+// each handle reaches its own device; a handle that is not a connection
+// reaches the first open transport, USB first.
+TEST_F(Usb, EachHandleReachesItsOwnDevice) {
     LogEnd();
     auto& dev = g_usb->Add(Vyrix(2));
     vyrix::sim::DeviceSimulator sim(dev.TakeStream());
@@ -277,28 +279,63 @@ TEST_F(Usb, CommandsTravelOverUsbAndUsbGoesFirst) {
     info.connectionType = eVYRIX_CONNECTION_USB;
     info.usbInfo = Vyrix_USBInfoS{4, "AB12"};
     ASSERT_EQ(Vyrix_OpenConnection(library, &usb, info), 0u);
-    Vyrix_ConnectionInfoS again = info;
-    again.usbInfo.pSerialNumber = "OTHER";
-    void* second = nullptr;
-    EXPECT_EQ(Vyrix_OpenConnection(library, &second, again), 0x18000000u);  // the link layer has USB open
     Vyrix_ConnectionInfoS line{};
     line.connectionType = eVYRIX_CONNECTION_UART;
     line.uartInfo = Vyrix_UartInfoS{serial->SlavePath().c_str(), 57600, 0, 1};
     ASSERT_EQ(Vyrix_OpenConnection(library, &uart, line), 0u);
 
-    EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);  // whatever handle: USB first
+    EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);
     uint8_t b = 0;
     EXPECT_EQ(Vyrix_GetBrightness(usb, &b, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(b, 33);
-    EXPECT_EQ(sim.ReceivedCount(), 2u);
-    EXPECT_EQ(serial->ReceivedCount(), 0u);
-
-    EXPECT_EQ(Vyrix_CloseConnection(usb), 0u);  // now the serial line carries the commands
+    EXPECT_EQ(b, 80);  // the USB device was not touched
     EXPECT_EQ(Vyrix_GetBrightness(uart, &b, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(b, 80);
-    EXPECT_EQ(serial->ReceivedCount(), 1u);
+    EXPECT_EQ(b, 33);
+    int stranger = 0;
+    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 44, eVYRIX_STORAGE_CURRENT), 0u);  // not a connection: USB first
+    EXPECT_EQ(sim.ReceivedCount(), 2u);
+    EXPECT_EQ(serial->ReceivedCount(), 2u);
+
+    EXPECT_EQ(Vyrix_CloseConnection(usb), 0u);
+    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 55, eVYRIX_STORAGE_CURRENT), 0u);  // now the serial line
+    EXPECT_EQ(serial->ReceivedCount(), 3u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
     EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+}
+
+// Two devices of the product: each connection takes the one with its
+// serial number, whatever their order on the bus.
+TEST_F(Usb, TwoDevicesBySerialNumber) {
+    LogEnd();
+    vt::UsbDeviceSpec first = Vyrix(2), second = Vyrix(3);
+    first.serial = "AB12";
+    second.serial = "CD34";
+    vyrix::sim::DeviceSimulator simA(g_usb->Add(first).TakeStream());
+    vyrix::sim::DeviceSimulator simB(g_usb->Add(second).TakeStream());
+    void* library = nullptr;
+    void* b = nullptr;
+    void* a = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_USB;
+    info.usbInfo = Vyrix_USBInfoS{4, "CD34"};
+    ASSERT_EQ(Vyrix_OpenConnection(library, &b, info), 0u);
+    EXPECT_TRUE(vt::FileExists(UsbLock(1, 3)));
+    info.usbInfo.pSerialNumber = "AB12";
+    ASSERT_EQ(Vyrix_OpenConnection(library, &a, info), 0u);
+    void* again = nullptr;
+    EXPECT_EQ(Vyrix_OpenConnection(library, &again, info), 0x18000000u);  // already open
+    EXPECT_EQ(Vyrix_SetBrightness(a, 11, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(Vyrix_SetBrightness(b, 22, eVYRIX_STORAGE_CURRENT), 0u);
+    uint8_t value = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(a, &value, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(value, 11);
+    EXPECT_EQ(Vyrix_GetBrightness(b, &value, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(value, 22);
+    EXPECT_EQ(simA.ReceivedCount(), 2u);
+    EXPECT_EQ(simB.ReceivedCount(), 2u);
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 3)));
 }
 
 // Faults over USB: the device unplugged in the middle of a command, of a
