@@ -243,7 +243,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned i
 }
 
 extern "C" Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
-                                                          uint16_t* pLength) {
+                                                          uint16_t* pLength, uint8_t* pSource) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     if (pPayload == nullptr || pLength == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
@@ -256,7 +256,10 @@ extern "C" Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint
         }
         KtXlnkMsgS msg{0, 0, 0, 0, capacity, pPayload};
         Vyrix_ReturnStatus r = LlcTakeMessage(link, &msg);
-        if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_PAYLOAD_TOO_LARGE)) *pLength = msg.payloadLen;
+        if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_PAYLOAD_TOO_LARGE)) {
+            *pLength = msg.payloadLen;
+            if (pSource != nullptr) *pSource = msg.sourceID;
+        }
         return r;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);

@@ -17,18 +17,25 @@
  * nothing, even before the library is opened.
  *
  * Blocking.  Each device operation is one command: it drops stale replies
- * first (at least 200 ms when none is waiting), sends, and waits for the
- * reply, looking every 100 ms or at once when it arrives, for up to about
- * 750 s.  The library lock is never held while waiting.
+ * (without waiting), sends, and waits for the reply, which ends the wait as
+ * soon as it arrives, for up to about 750 s (Vyrix_SetReplyTimeout sets
+ * another time per connection).  A device that goes away (hang-up, unplug,
+ * the Bluetooth link ending) ends the wait at once with 0x16000000
+ * eVYRIX_NOT_CONNECTED, and so does every later command on that connection;
+ * so does closing the connection from another thread.  The library lock is
+ * never held while waiting.
+ *
+ * Connections.  Several devices may be open at once, up to 8 per transport.
+ * The handle of an open connection routes the operation's command, its
+ * reply and any resend to that connection's device.  Any other non-null
+ * handle reaches the first transport with an open port, in the order USB,
+ * serial, Bluetooth.
  *
  * Thread safety.  Open and close the library from one thread while no other
- * call runs.  Commands are not serialised by the library: the reply is
- * matched to the last command sent, so an application issues one command at
- * a time (serialise calls from several threads yourself).
- *
- * The connection handle only identifies the connection for closing: every
- * command travels over the first transport with an open port, in the order
- * USB, serial, Bluetooth.
+ * call runs.  Connections may be opened, used and closed from any thread.
+ * Commands on different connections run in parallel; on one connection the
+ * reply is matched to the last command sent, so issue one command at a time
+ * per connection (serialise calls from several threads yourself).
  */
 #ifndef VYRIX_API_H
 #define VYRIX_API_H
@@ -496,15 +503,16 @@ VYRIX_API const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result);
  * own accord (as KtRemoveConnectionlessMsg does for the first open port), so
  * that an application with several devices can tell their messages apart:
  * in the connectionless callback, take from each connection's handle until
- * it has none.  The payload goes to pPayload (capacity bytes; 0 means 4095)
- * and its length to *pLength.  Does not wait.
+ * it has none.  The payload goes to pPayload (capacity bytes; 0 means 4095),
+ * its length to *pLength and, when pSource is not null, the id of the part
+ * of the device that sent it (0 or 3) to *pSource.  Does not wait.
  * Results: 0; 0x07000000 none queued; 0x1A000000 the message was longer than
  * the capacity (it is taken, cut to the capacity); 0x16000000 the device is
  * gone and nothing is left; 0x05000000 null pointer, or a handle that is not
  * an open connection; 0x04000000 library not open.
  * Thread safety: any thread, the callback's included. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
-                                                         uint16_t* pLength);
+                                                         uint16_t* pLength, uint8_t* pSource);
 
 #ifdef __cplusplus
 } /* extern "C" */

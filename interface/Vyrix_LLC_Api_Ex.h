@@ -6,15 +6,24 @@
  * them instead, but should not mix both styles on one transport at the same
  * time (both take replies from the same queue).
  *
- * Transports.  At most one port per transport (USB, serial, Bluetooth) is
- * open at a time.  Every send and receive goes to the first open transport in
+ * Transports.  These functions open at most one port per transport (USB,
+ * serial, Bluetooth); connections of Vyrix_Api.h may hold more.  Every send
+ * and receive goes to the first port opened on the first open transport in
  * the fixed order USB, serial, Bluetooth; no argument selects the transport.
  *
- * Thread safety.  Opening, closing and enumerating must be done by one thread
- * while no send or receive runs on that transport.  Sending and taking
- * messages on an open port may happen on any thread, but the handler serves
- * one exchange (send, then receive) at a time: callers serialise their
- * exchanges.  The connectionless callback runs on the port's receive thread.
+ * Waiting.  Every wait ends on an event: a reply arriving, the device going
+ * away (a hang-up, end of stream or unplug: the transport's check function
+ * then reports it and waits end with 0x16000000), or the port being closed.
+ * An idle port's receive thread sleeps in the kernel.  A close wakes and
+ * joins the receive thread and returns within milliseconds.
+ *
+ * Thread safety.  All functions may be called from any thread; a close on
+ * one thread ends the waits of others on that port with 0x16000000.  The
+ * handler serves one exchange (send, then receive) at a time: callers
+ * serialise their exchanges.  The connectionless callback runs on a thread
+ * of the library's own (not a receive thread), one call per message, so it
+ * may send a command and wait for its reply, take messages, or close the
+ * port it came from.
  *
  * Files.  Opening a port starts the log /tmp/Vyrix_SDK.log (or a time-stamped
  * /tmp/Vyrix_SDK_<stamp>.log while another process logs to the shared file);
@@ -135,13 +144,14 @@ VYRIX_API Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYT
 
 /*
  * Take the oldest reply.  The caller's buffer must hold 4095 bytes (the
- * capacity is set to 4095 whatever payloadLen says).  Makes retryCount + 1
- * attempts; after each failed one it waits up to 100 ms for a reply to
- * arrive.  Ends the exchange: the resend copy is dropped and later replies
- * are discarded.  A reply addressed to the broadcast id makes the handler
- * resend the last packet (up to 11 times, 0.5 s + up to 100 s each).
- * Results: 0; 0x07000000 nothing arrived; 0x16000000 no port open;
- * 0x01000000 resends exhausted or nothing to resend.
+ * capacity is set to 4095 whatever payloadLen says).  Waits retryCount + 1
+ * periods of 100 ms at most: a reply ends the wait as soon as it arrives.
+ * Ends the exchange: the resend copy is dropped and later replies are
+ * discarded.  A reply addressed to the broadcast id makes the handler resend
+ * the last packet and wait for the answer to it (up to 11 times, up to 100 s
+ * each).  Results: 0; 0x07000000 nothing arrived; 0x16000000 no port open,
+ * the device went away or the port was closed meanwhile; 0x01000000 resends
+ * exhausted or nothing to resend.
  */
 VYRIX_API Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount);
 
@@ -161,9 +171,10 @@ VYRIX_API Vyrix_ReturnStatus KtRemoveConnectionlessMessage(BYTE* pDeviceID, BYTE
                                                            WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload);
 
 /* Close the transport's port and destroy its handler; ends the log (of every
- * transport).  Waits for the receive thread, polling every 250 ms (at most
- * the port's read time-out: 0.1 s serial, 2 s USB and Bluetooth).  Results:
- * 0; 0x16000000 the port was not open; the port's close error. */
+ * transport).  Wakes the receive thread and joins it ("Thread still active!!"
+ * is logged every 250 ms it takes); waits of other threads on this port end
+ * with 0x16000000.  Results: 0; 0x16000000 the port was not open; the port's
+ * close error. */
 VYRIX_API Vyrix_ReturnStatus KtCloseUsbPort(void);
 VYRIX_API Vyrix_ReturnStatus KtCloseSerialPort(void);
 VYRIX_API Vyrix_ReturnStatus KtCloseBTHSocket(void);

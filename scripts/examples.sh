@@ -11,7 +11,7 @@ build=${1:-build/release}
 work=$(mktemp -d)
 sim_pid=""
 cleanup() {
-  if [ -n "$sim_pid" ]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
+  for pid in $sim_pid; do kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -23,11 +23,16 @@ cmake --build "$work/build" -j2
 export VYRIX_LOG=off
 "$work/prefix/bin/vyrix-sim" --link "$work/tty" --notify-every 0.1 >"$work/sim.out" &
 sim_pid=$!
-for _ in $(seq 100); do grep -q "^Try:" "$work/sim.out" 2>/dev/null && break; sleep 0.05; done
-grep -q "^Try:" "$work/sim.out" || { echo "examples.sh: the simulator did not start" >&2; exit 1; }
+"$work/prefix/bin/vyrix-sim" --link "$work/tty2" >"$work/sim2.out" &
+sim_pid="$sim_pid $!"
+for out in sim sim2; do
+  for _ in $(seq 100); do grep -q "^Try:" "$work/$out.out" 2>/dev/null && break; sleep 0.05; done
+  grep -q "^Try:" "$work/$out.out" || { echo "examples.sh: the simulator did not start" >&2; exit 1; }
+done
 
 "$work/build/vyrix-example-uart" "$work/tty"
 head -c 9000 /dev/urandom >"$work/image.bin"
 "$work/build/vyrix-example-upgrade" "$work/tty" "$work/image.bin"
 timeout 20 "$work/build/vyrix-example-messages" "$work/tty" 2
+"$work/build/vyrix-example-two-devices" "$work/tty" "$work/tty2"
 echo "examples.sh: the examples build against the installed tree and run"

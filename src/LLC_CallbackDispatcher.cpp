@@ -8,12 +8,13 @@
 #include "LLC_CommHandler.h"
 
 // One generation of the thread: a thread that is told to stop while it runs
-// the callback (which closed the last port) ends on its own with its state.
+// the callback ends on its own, with its state, when the callback returns.
 struct CCallbackDispatcher::State {
     std::mutex mutex;
     std::condition_variable posted;
     size_t pending = 0;
     bool stop = false;
+    bool calling = false;  // inside the application's callback
     std::thread thread;
 };
 
@@ -37,12 +38,17 @@ void CCallbackDispatcher::Detach() {
         if (s_ports == 0 || --s_ports > 0) return;
         state.swap(s_state);
     }
+    bool calling;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
         state->stop = true;
+        calling = state->calling;
     }
     state->posted.notify_one();
-    if (state->thread.get_id() == std::this_thread::get_id())
+    // A thread busy in the callback ends by itself when the callback
+    // returns: the callback may be the caller, or may wait for a lock the
+    // caller holds.  An idle one is joined.
+    if (calling)
         state->thread.detach();
     else
         state->thread.join();
@@ -68,6 +74,7 @@ void CCallbackDispatcher::Run(const std::shared_ptr<State>& state) {
         state->posted.wait(lock, [&] { return state->stop || state->pending > 0; });
         if (state->stop) return;
         --state->pending;
+        state->calling = true;
         lock.unlock();
         KtEventCallbackFn callback = g_pfnParseEventCallbackFunction.load();
         Vyrix_ReturnStatus result = RC_OK;
@@ -81,5 +88,6 @@ void CCallbackDispatcher::Run(const std::shared_ptr<State>& state) {
         }
         if (result != RC_OK) LlcLog("<ERROR> %s: Error in ALC Callback.\n", "ReadThreadRoutine");
         lock.lock();
+        state->calling = false;
     }
 }

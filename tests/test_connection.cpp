@@ -255,16 +255,16 @@ TEST(TwoDevices, CommandsFromTwoThreadsReachTheirOwnDevice) {
     ASSERT_TRUE(vt::CallbackCounter::Instance().WaitFor(2));
     const uint8_t mark[2] = {0xA0, 0xB1};
     for (int d = 0; d < 2; ++d) {
-        uint8_t buf[16];
+        uint8_t buf[16], source = 9;
         uint16_t length = 0;
-        ASSERT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length), 0u);
+        ASSERT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length, nullptr), 0u);
         EXPECT_EQ(length, 3u);
         EXPECT_EQ(buf[2], mark[d]);
-        EXPECT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length), 0x07000000u);
+        EXPECT_EQ(Vyrix_TakeUnpromptedMessage(conn[d], buf, sizeof buf, &length, &source), 0x07000000u);
     }
     uint16_t length = 0;
     uint8_t buf[4];
-    EXPECT_EQ(Vyrix_TakeUnpromptedMessage(&length, buf, sizeof buf, &length), 0x05000000u);
+    EXPECT_EQ(Vyrix_TakeUnpromptedMessage(&length, buf, sizeof buf, &length, nullptr), 0x05000000u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
 }
 

@@ -370,6 +370,25 @@ TEST_F(Llc, CallbackMayCommandAndClose) {
     EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
 }
 
+// A close never waits for a callback that is still running: the callback
+// may itself wait for something the closing thread holds.
+TEST_F(Llc, CloseDoesNotWaitForARunningCallback) {
+    static std::promise<void> entered, release;
+    ASSERT_EQ(KtRegisterCallback([](void*) -> Vyrix_ReturnStatus {
+                  entered.set_value();
+                  release.get_future().wait();
+                  return eVYRIX_RETURN_SUCCESS;
+              }),
+              0u);
+    sim->SendUnsolicited({0x2A, 0x2A, 1});
+    ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    vt::Stopwatch watch;
+    EXPECT_EQ(KtCloseSerialPort(), 0u);
+    EXPECT_LT(watch.Ms(), 1000);
+    release.set_value();
+    EXPECT_TRUE(vt::Eventually([] { return vt::ContextSwitches("vyrix-callback") == -1; }));  // it ended
+}
+
 TEST_F(Llc, ConnectionlessMessagesWithoutCallbackAreDropped) {
     sim->SendUnsolicited({0x2A, 0x2A, 7});
     ASSERT_EQ(Send(kCommand), 0u);

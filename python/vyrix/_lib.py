@@ -136,7 +136,13 @@ class _Library:
         errors.check(self.dll.Vyrix_OpenLibrary(ctypes.byref(handle)), "Vyrix_OpenLibrary")
         self.handle = handle.value
         self.open = True
-        self.messages = queue.Queue(maxsize=1024)
+        self.messages = queue.Queue(maxsize=1024)  # messages of any connection
+        self._queues = {}  # connection handle -> its own messages
+        self._queues_lock = threading.Lock()
+        self._take = getattr(self.dll, "Vyrix_TakeUnpromptedMessage", None)
+        if self._take is not None:
+            self._take.argtypes = (c_void_p, POINTER(c_uint8), c_uint16, POINTER(c_uint16), POINTER(c_uint8))
+            self._take.restype = c_uint32
         # Kept for the life of the process: the library may call it until
         # the last port is closed.
         self._callback = EVENT_CALLBACK(self._on_event)
@@ -173,24 +179,51 @@ class _Library:
         errors.check(open_connection(self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
         return handle.value
 
+    def message_queue(self, handle):
+        """The queue of one connection's messages (created on first use)."""
+        with self._queues_lock:
+            if self._take is None:
+                return self.messages  # a library that cannot tell connections apart
+            return self._queues.setdefault(handle, queue.Queue(maxsize=1024))
+
+    def forget(self, handle):
+        with self._queues_lock:
+            self._queues.pop(handle, None)
+
+    @staticmethod
+    def _put(target, item):
+        while True:
+            try:
+                target.put_nowait(item)
+                return
+            except queue.Full:  # nobody reads: the oldest goes
+                try:
+                    target.get_nowait()
+                except queue.Empty:
+                    pass
+
     def _on_event(self, _unused):
-        # Runs on the port's receive thread: take every queued message.
+        # Runs on the library's callback thread: take every queued message,
+        # each connection's into its own queue.
         try:
             buffer = (c_uint8 * MAX_PAYLOAD)()
+            if self._take is not None:
+                with self._queues_lock:
+                    queues = list(self._queues.items())
+                length, source = c_uint16(), c_uint8()
+                for handle, target in queues:
+                    while self._take(handle, buffer, MAX_PAYLOAD, ctypes.byref(length), ctypes.byref(source)) == 0:
+                        # Messages of the device's own accord: to the host, connectionless.
+                        self._put(target, (source.value, 2, 0, 0, bytes(buffer[: length.value])))
+                return 0
             while True:
                 msg = XlnkMsg(payloadLen=0, pPayload=ctypes.cast(buffer, POINTER(c_uint8)))
                 if self.dll.KtRemoveConnectionlessMsg(ctypes.byref(msg)) != 0:
                     return 0
-                item = (msg.sourceID, msg.deviceID, msg.priority, msg.protocolID, bytes(buffer[: msg.payloadLen]))
-                while True:
-                    try:
-                        self.messages.put_nowait(item)
-                        break
-                    except queue.Full:  # nobody reads: the oldest goes
-                        try:
-                            self.messages.get_nowait()
-                        except queue.Empty:
-                            pass
+                self._put(
+                    self.messages,
+                    (msg.sourceID, msg.deviceID, msg.priority, msg.protocolID, bytes(buffer[: msg.payloadLen])),
+                )
         except Exception:  # never into the library's thread
             return errors.ResultCode.FAILURE.result
 

@@ -30,14 +30,15 @@ MAX_EVENT_LOG = 255
 class Device:
     """An open connection; a context manager that closes it on exit.
 
-    Every command travels over the first transport with an open port (USB,
-    then serial, then Bluetooth), so issue one command at a time.
+    Commands travel to this connection's own device; issue one command at a
+    time per device.
     """
 
     def __init__(self, info, keep):
         self._lib = library()
         self._keep = keep  # the texts the library points to while open
         self._handle = self._lib.open_connection(info)
+        self._messages = self._lib.message_queue(self._handle)
 
     def __enter__(self):
         return self
@@ -57,6 +58,7 @@ class Device:
             # After a failed close the connection stays open (and our texts
             # stay referenced): the close can be tried again.
             check(self._lib.call("Vyrix_CloseConnection", self._handle), "Vyrix_CloseConnection")
+        self._lib.forget(self._handle)
         self._handle = None
 
     def _call(self, name, *args):
@@ -234,7 +236,7 @@ class Device:
         Waits up to timeout seconds for each (forever when None) and ends
         when none arrives in time.
         """
-        source = self._lib.messages
+        source = self._messages
         while True:
             try:
                 item = source.get(timeout=timeout)

@@ -247,18 +247,20 @@ int Monitor(Session& session, int count, double seconds, bool json) {
             if (g_pending == 0 || g_stop) continue;
             --g_pending;
         }
-        KtXlnkMsgS msg{};
-        msg.pPayload = buf.data();
-        if (KtRemoveConnectionlessMsg(&msg) != 0) continue;
+        // This connection's own messages, whatever else the process has open.
+        uint16_t length = 0;
+        uint8_t source = 0;
+        if (Vyrix_TakeUnpromptedMessage(session.Handle(), buf.data(), static_cast<uint16_t>(buf.size()), &length,
+                                        &source) != eVYRIX_RETURN_SUCCESS)
+            continue;
         ++shown;
         if (json)
             printf("%s\n",
-                   nlohmann::ordered_json{
-                       {"message", shown}, {"source", msg.sourceID}, {"payload", Hex(buf.data(), msg.payloadLen)}}
+                   nlohmann::ordered_json{{"message", shown}, {"source", source}, {"payload", Hex(buf.data(), length)}}
                        .dump()
                        .c_str());
         else
-            printf("message %d from %d: %s\n", shown, msg.sourceID, Hex(buf.data(), msg.payloadLen).c_str());
+            printf("message %d from %d: %s\n", shown, source, Hex(buf.data(), length).c_str());
         fflush(stdout);
     }
     {
