@@ -1,7 +1,10 @@
-// One packet's round trip through KtSendMsg and KtRemoveMsg against the
-// device simulator over a pseudo-terminal, beside the same bytes written and
-// read back through two bare descriptors of a pseudo-terminal pair; and the
-// CPU time a process spends holding an open serial port idle for 5 s.
+// The link over a pseudo-terminal against the device simulator: one
+// packet's round trip through KtSendMsg and KtRemoveMsg, and one command
+// through Vyrix_GetBrightness, beside the same bytes written and read back
+// through two bare descriptors of a pseudo-terminal pair; the time one
+// resend adds; the time a close takes; a 200 kB firmware upgrade over a line
+// paced at 57600 baud against the time its bytes need on the wire; and what
+// an idle open port costs (CPU, wake-ups of its receive thread).
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <pty.h>
@@ -9,10 +12,17 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "DeviceSimulator.h"
+#include "Vyrix_Api.h"
 #include "Vyrix_LLC_Api_Ex.h"
 
 namespace {
@@ -91,6 +101,118 @@ void BM_IdleOpenPortCpu(benchmark::State& state) {
     KtCloseSerialPort();
 }
 BENCHMARK(BM_IdleOpenPortCpu)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Context switches so far of the threads named `name`.
+long ContextSwitches(const std::string& name) {
+    long total = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d)) {
+            const std::string task = std::string("/proc/self/task/") + e->d_name;
+            std::ifstream comm(task + "/comm");
+            std::string line;
+            if (!std::getline(comm, line) || line != name) continue;
+            std::ifstream status(task + "/status");
+            while (std::getline(status, line))
+                if (line.find("ctxt_switches:") != std::string::npos)
+                    total += std::stol(line.substr(line.find(':') + 1));
+        }
+        closedir(d);
+    }
+    return total;
+}
+
+// The library opened with one serial connection to a simulator.
+struct Connected {
+    explicit Connected(unsigned baud = 0) : sim(vyrix::sim::DeviceSimulator::OverPty()) {
+        sim->SetBaud(baud);
+        sim->SetRecording(false);
+        Vyrix_OpenLibrary(&library);
+        Vyrix_ConnectionInfoS info{};
+        info.connectionType = eVYRIX_CONNECTION_UART;
+        info.uartInfo = Vyrix_UartInfoS{sim->SlavePath().c_str(), 57600, 0, 1};
+        ok = Vyrix_OpenConnection(library, &connection, info) == 0;
+    }
+    ~Connected() { Vyrix_CloseLibrary(library); }
+    std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
+    void* library = nullptr;
+    void* connection = nullptr;
+    bool ok = false;
+};
+
+void BM_GetBrightness(benchmark::State& state) {
+    Connected link;
+    if (!link.ok) return state.SkipWithError("cannot connect to the simulator");
+    uint8_t brightness = 0;
+    for (auto _ : state)
+        if (Vyrix_GetBrightness(link.connection, &brightness, eVYRIX_STORAGE_CURRENT) != 0)
+            state.SkipWithError("command failed");
+}
+BENCHMARK(BM_GetBrightness)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// Every command is first answered with a resend request: the difference to
+// BM_GetBrightness is what one resend costs.
+void BM_GetBrightnessWithOneResend(benchmark::State& state) {
+    Connected link;
+    if (!link.ok) return state.SkipWithError("cannot connect to the simulator");
+    vyrix::sim::Faults faults;
+    faults.resendRequests = 1;
+    uint8_t brightness = 0;
+    for (auto _ : state) {
+        link.sim->SetFaults(faults);
+        if (Vyrix_GetBrightness(link.connection, &brightness, eVYRIX_STORAGE_CURRENT) != 0)
+            state.SkipWithError("command failed");
+    }
+}
+BENCHMARK(BM_GetBrightnessWithOneResend)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_CloseIdlePort(benchmark::State& state) {
+    auto sim = vyrix::sim::DeviceSimulator::OverPty();
+    for (auto _ : state) {
+        state.PauseTiming();
+        if (KtOpenSerialPortByName(sim->SlavePath().c_str(), 57600) != 0) state.SkipWithError("open failed");
+        state.ResumeTiming();
+        KtCloseSerialPort();
+    }
+}
+BENCHMARK(BM_CloseIdlePort)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// 200 kB in 4000-byte chunks over a line paced at 57600 baud 8N1: the wall
+// time against the time the bytes of both directions need on the wire.
+void BM_Upgrade200kAt57600Baud(benchmark::State& state) {
+    constexpr unsigned kBaud = 57600;
+    constexpr uint32_t kChunk = 4000, kImage = 200000;
+    Connected link(kBaud);
+    if (!link.ok) return state.SkipWithError("cannot connect to the simulator");
+    std::vector<uint8_t> chunk(kChunk, 0x5A);
+    double ratio = 0;
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        for (uint32_t sent = 0, n = 0; sent < kImage; sent += kChunk, ++n)
+            if (Vyrix_UpgradeSoftware(link.connection, n, kChunk, kImage, chunk.data()) != 0)
+                state.SkipWithError("upgrade failed");
+        const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        // Each chunk: a packet of 6 + 4 + 3 * 4 + 4000 bytes out, an
+        // acknowledgement of 6 + 7 bytes back.
+        const double bytes = (kImage / kChunk) * ((6.0 + 4 + 12 + kChunk) + 13.0);
+        ratio = wall / (bytes * 10.0 / kBaud);
+    }
+    state.counters["wall_over_wire"] = ratio;
+}
+BENCHMARK(BM_Upgrade200kAt57600Baud)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_IdleWakeups(benchmark::State& state) {
+    auto sim = vyrix::sim::DeviceSimulator::OverPty();
+    KtOpenSerialPortByName(sim->SlavePath().c_str(), 57600);
+    double perSecond = 0;
+    for (auto _ : state) {
+        const long before = ContextSwitches("vyrix-receive") + ContextSwitches("vyrix-callback");
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        perSecond = (ContextSwitches("vyrix-receive") + ContextSwitches("vyrix-callback") - before) / 5.0;
+    }
+    state.counters["wakeups_per_s"] = perSecond;
+    KtCloseSerialPort();
+}
+BENCHMARK(BM_IdleWakeups)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 
