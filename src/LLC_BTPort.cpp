@@ -142,19 +142,10 @@ Vyrix_ReturnStatus CBTPort::ReadPort(unsigned char* inbuf, int* outLen, const CD
         LlcLog("<ERROR> %s :  Port handle is NULL.\n", "ReadPort");
         return RC(eVYRIX_NOT_CONNECTED);
     }
-    for (;;) {
-        CPortWaiter::Outcome outcome = m_waiter.Wait(m_gRFCommSock, POLLIN, deadline);
-        if (outcome == CPortWaiter::kTimeout || outcome == CPortWaiter::kWoken) return RC(eVYRIX_INCOMPLETE);
-        ssize_t n = read(m_gRFCommSock, inbuf, KT_XLNK_MAX_PACKET);
-        if (n > 0) {
-            *outLen = static_cast<int>(n);
-            return RC_OK;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
-        // End of stream or a reset: the device is gone.
-        LlcLog("<ERROR> %s :  Returns %d\n.\n", "ReadPort", 1);
-        return RC(eVYRIX_NOT_CONNECTED);
-    }
+    // End of stream or a reset: the device is gone.
+    Vyrix_ReturnStatus r = ReadAvailable(m_gRFCommSock, m_waiter, inbuf, outLen, deadline);
+    if (HasCode(r, eVYRIX_NOT_CONNECTED)) LlcLog("<ERROR> %s :  Returns %d\n.\n", "ReadPort", 1);
+    return r;
 }
 
 Vyrix_ReturnStatus CBTPort::WritePort(const unsigned char* outbuf, unsigned short Len) {

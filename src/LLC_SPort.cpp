@@ -197,17 +197,8 @@ Vyrix_ReturnStatus CSPort::ReadPort(unsigned char* inbuf, int* outLen, const CDe
         LlcLog("<ERROR> %s :  Port handle is NULL.\n", "ReadPort");
         return RC(eVYRIX_NOT_CONNECTED);
     }
-    for (;;) {
-        CPortWaiter::Outcome outcome = m_waiter.Wait(m_nPortHandle, POLLIN, deadline);
-        if (outcome == CPortWaiter::kTimeout || outcome == CPortWaiter::kWoken) return RC(eVYRIX_INCOMPLETE);
-        ssize_t n = read(m_nPortHandle, inbuf, KT_XLNK_MAX_PACKET);
-        if (n > 0) {
-            *outLen = static_cast<int>(n);
-            return RC_OK;
-        }
-        // A hung-up line reads as end of file or EIO.
-        if (n == 0 || (errno != EAGAIN && errno != EINTR)) return RC(eVYRIX_NOT_CONNECTED);
-    }
+    // A hung-up line reads as end of file or EIO.
+    return ReadAvailable(m_nPortHandle, m_waiter, inbuf, outLen, deadline);
 }
 
 Vyrix_ReturnStatus CSPort::WritePort(const unsigned char* outbuf, unsigned short Len) {

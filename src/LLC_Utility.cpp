@@ -1,5 +1,7 @@
 #include "LLC_Utility.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -40,4 +42,19 @@ bool RuntimeFileName(char* out, size_t size, const char* fmt, ...) {
     }
     if (!fits && size > 0) out[0] = '\0';
     return fits;
+}
+
+Vyrix_ReturnStatus ReadAvailable(int fd, CPortWaiter& waiter, unsigned char* inbuf, int* outLen,
+                                 const CDeadline& deadline) {
+    for (;;) {
+        CPortWaiter::Outcome outcome = waiter.Wait(fd, POLLIN, deadline);
+        if (outcome == CPortWaiter::kTimeout || outcome == CPortWaiter::kWoken) return RC(eVYRIX_INCOMPLETE);
+        ssize_t n = read(fd, inbuf, KT_XLNK_MAX_PACKET);
+        if (n > 0) {
+            *outLen = static_cast<int>(n);
+            return RC_OK;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        return RC(eVYRIX_NOT_CONNECTED);
+    }
 }

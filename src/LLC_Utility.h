@@ -21,6 +21,14 @@ const char* RuntimeDir();
 // `size` bytes.
 bool RuntimeFileName(char* out, size_t size, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
+// Waits in `waiter` until `deadline` for input on the non-blocking
+// descriptor `fd` and reads what is there (at most one longest packet).
+// 0 with *outLen set; 0x7000000 nothing came in time, or the waiter was
+// woken; 0x16000000 end of stream, a hang-up or a read error: the device is
+// gone.
+Vyrix_ReturnStatus ReadAvailable(int fd, CPortWaiter& waiter, unsigned char* inbuf, int* outLen,
+                                 const CDeadline& deadline);
+
 // Writes all `len` bytes with `write` (a write(2)-like call on the
 // non-blocking descriptor `fd`), waiting in `waiter` while the device does
 // not take more.  0; 0x16000000 when the other end hung up or the port is
