@@ -110,7 +110,7 @@ void CXlnkMsgHandler::Advance(DWORD count) {
 void CXlnkMsgHandler::StartPacket() {
     InitParser();
     m_ParseState = ePARSE_HEADER;
-    m_RemBytes = 4;
+    m_RemBytes = kHeaderBytes;
     m_headerLen = 0;
 }
 
