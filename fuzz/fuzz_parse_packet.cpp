@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<BYTE> buffer;
     for (size_t at = 1; at < size; at += chunk) {
         const size_t n = size - at < chunk ? size - at : chunk;
-        buffer.assign(data + at, data + at + n + 1);  // one byte more: a valid address when n is 0
+        buffer.assign(data + at, data + at + n);
+        buffer.push_back(0);  // a valid address past the chunk, for the empty rest
         Drain(parser, buffer.data(), n);
         if (quietLine && parser.InPacket()) {
             parser.AbandonPacket();

@@ -18,8 +18,9 @@ for target in build/fuzz/fuzz/fuzz_*; do
   echo "-- $name for ${seconds}s"
   "$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$work/" "$work" 2>&1 |
     grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units|stat::peak_rss|==[0-9]+==ERROR|SUMMARY|Done)' || true
-  if ls "$work"/crash-* "$work"/leak-* "$work"/timeout-* >/dev/null 2>&1; then
-    echo "$name found a failure:"; ls "$work"/crash-* "$work"/leak-* "$work"/timeout-* 2>/dev/null
+  found=$(find "$work" -maxdepth 1 \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' \) -print)
+  if [ -n "$found" ]; then
+    echo "$name found a failure:"; echo "$found"
     exit 1
   fi
   rm -rf "$work"; trap - EXIT
