@@ -40,9 +40,19 @@
 #ifndef VYRIX_API_H
 #define VYRIX_API_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "vyrix_rc.h"
+
+/* Compile-time checks of the layouts that cross the interface. */
+#ifndef VYRIX_LAYOUT
+#ifdef __cplusplus
+#define VYRIX_LAYOUT(condition) static_assert(condition, #condition)
+#else
+#define VYRIX_LAYOUT(condition) _Static_assert(condition, #condition)
+#endif
+#endif
 
 /* ---- Library ---------------------------------------------------------- */
 
@@ -52,6 +62,7 @@ typedef struct Vyrix_LibraryInfoS {
     uint8_t revision;     /* 0 */
     uint32_t build;       /* 0 */
 } Vyrix_LibraryInfoS;
+VYRIX_LAYOUT(offsetof(Vyrix_LibraryInfoS, build) == 4);
 
 /* ---- Connections ------------------------------------------------------ */
 
@@ -60,6 +71,7 @@ typedef enum Vyrix_ConnectionTypeE {
     eVYRIX_CONNECTION_USB = 1,
     eVYRIX_CONNECTION_BTH = 2
 } Vyrix_ConnectionTypeE;
+VYRIX_LAYOUT(sizeof(Vyrix_ConnectionTypeE) == 4);
 
 /* The texts behind the pointers must stay alive and unchanged until the
  * connection is closed: the library keeps the pointers, not copies. */
@@ -88,6 +100,9 @@ typedef struct Vyrix_ConnectionInfoS {
         Vyrix_BTHInfoS bthInfo;
     };
 } Vyrix_ConnectionInfoS;
+VYRIX_LAYOUT(offsetof(Vyrix_ConnectionInfoS, uartInfo) == offsetof(Vyrix_ConnectionInfoS, bthInfo));
+VYRIX_LAYOUT(offsetof(Vyrix_ConnectionInfoS, usbInfo) == offsetof(Vyrix_ConnectionInfoS, bthInfo));
+VYRIX_LAYOUT(offsetof(Vyrix_UartInfoS, baudRate) < offsetof(Vyrix_UartInfoS, stopBits));
 
 /* ---- Typed command parameters ----------------------------------------- */
 
@@ -121,6 +136,7 @@ typedef struct Vyrix_DataS {
         Vyrix_DataBufferS* pBuffer;
     } value;
 } Vyrix_DataS;
+VYRIX_LAYOUT(sizeof(Vyrix_DataTypeE) == 4 && offsetof(Vyrix_DataS, type) == 0);
 
 /* ---- Settings --------------------------------------------------------- */
 
@@ -131,18 +147,21 @@ typedef enum Vyrix_ValueStorageTypeE {
     eVYRIX_STORAGE_SAVED = 1,   /* kept across power-off */
     eVYRIX_STORAGE_FACTORY = 2  /* the factory value (read only) */
 } Vyrix_ValueStorageTypeE;
+VYRIX_LAYOUT(sizeof(Vyrix_ValueStorageTypeE) == 4);
 
 typedef struct Vyrix_VideoPropertiesS {
     uint16_t width;
     uint16_t height;
     float frameRate;
 } Vyrix_VideoPropertiesS;
+VYRIX_LAYOUT(offsetof(Vyrix_VideoPropertiesS, frameRate) == 4);
 
 typedef struct Vyrix_FrameRateS {
     uint32_t mode; /* 0, 1 or 2 */
     uint32_t param1;
     uint32_t param2;
 } Vyrix_FrameRateS;
+VYRIX_LAYOUT(sizeof(Vyrix_FrameRateS) == 12);
 
 typedef enum Vyrix_VideoModeHandleE {
     eVYRIX_VIDEO_MODE_0 = 0,
@@ -187,6 +206,7 @@ typedef struct Vyrix_SystemInfoS {
     uint32_t infoWord6;
     uint32_t infoWord7;
 } Vyrix_SystemInfoS;
+VYRIX_LAYOUT(sizeof(((Vyrix_SystemInfoS*)0)->infoText) == 17 && offsetof(Vyrix_SystemInfoS, infoWord1) == 20);
 
 typedef struct Vyrix_SystemStatusS {
     uint32_t statusWord1;
@@ -198,6 +218,7 @@ typedef struct Vyrix_SystemStatusS {
     uint32_t statusWord6;
     uint32_t statusWord7;
 } Vyrix_SystemStatusS;
+VYRIX_LAYOUT(offsetof(Vyrix_SystemStatusS, statusValue) == 8 && sizeof(Vyrix_SystemStatusS) == 32);
 
 /* One event log entry: 16 bytes on the wire, in this order. */
 typedef struct Vyrix_EventLogEntryS {
@@ -208,6 +229,8 @@ typedef struct Vyrix_EventLogEntryS {
     uint16_t field5;
     uint16_t field6;
 } Vyrix_EventLogEntryS;
+VYRIX_LAYOUT(sizeof(Vyrix_EventLogEntryS) == 16 && offsetof(Vyrix_EventLogEntryS, field3) == 4);
+VYRIX_LAYOUT(offsetof(Vyrix_EventLogEntryS, field5) == 12);
 
 typedef enum Vyrix_PowerStateE { eVYRIX_POWER_ON = 0, eVYRIX_POWER_STANDBY, eVYRIX_POWER_OFF } Vyrix_PowerStateE;
 
@@ -230,6 +253,7 @@ typedef struct Vyrix_ColorS {
     uint8_t blue;
     uint8_t alpha;
 } Vyrix_ColorS;
+VYRIX_LAYOUT(sizeof(Vyrix_PointS) == 4 && sizeof(Vyrix_RectSizeS) == 4 && sizeof(Vyrix_ColorS) == 4);
 
 typedef enum Vyrix_RenderTargetE {
     eVYRIX_RENDER_TARGET_0 = 0,

@@ -42,7 +42,17 @@
 #ifndef VYRIX_LLC_API_EX_H
 #define VYRIX_LLC_API_EX_H
 
+#include <stddef.h>
+
 #include "vyrix_rc.h"
+
+#ifndef VYRIX_LAYOUT
+#ifdef __cplusplus
+#define VYRIX_LAYOUT(condition) static_assert(condition, #condition)
+#else
+#define VYRIX_LAYOUT(condition) _Static_assert(condition, #condition)
+#endif
+#endif
 
 typedef unsigned char BYTE;
 typedef unsigned short WORD;
@@ -84,18 +94,22 @@ typedef struct KtXlnkMsgS {
     WORD payloadLen;
     BYTE* pPayload;
 } KtXlnkMsgS;
+VYRIX_LAYOUT(offsetof(KtXlnkMsgS, deviceID) == 1 && offsetof(KtXlnkMsgS, protocolID) == 3);
+VYRIX_LAYOUT(offsetof(KtXlnkMsgS, payloadLen) == 4 && sizeof(((KtXlnkMsgS*)0)->payloadLen) == 2);
 
 /* One USB device found by KtEnumerateUSBDevices. */
 typedef struct Vyrix_EnumerateUSBInfo {
     unsigned int productID;
     char serialNumber[255]; /* NUL-terminated, or "NULL" when unreadable */
 } Vyrix_EnumerateUSBInfo;
+VYRIX_LAYOUT(offsetof(Vyrix_EnumerateUSBInfo, serialNumber) == 4);
 
 /* One Bluetooth device found by KtEnumerateBTHDevices. */
 typedef struct Vyrix_BTHDiscoveryInfo {
     char uniqueID[25];      /* "XX:XX:XX:XX:XX:XX" */
     char friendlyName[249]; /* remote name, or "[unknown]" */
 } Vyrix_BTHDiscoveryInfo;
+VYRIX_LAYOUT(offsetof(Vyrix_BTHDiscoveryInfo, friendlyName) == 25 && sizeof(Vyrix_BTHDiscoveryInfo) == 274);
 
 /* Callback for connectionless messages; called with a null argument. */
 typedef Vyrix_ReturnStatus (*KtEventCallbackFn)(void*);

@@ -14,6 +14,18 @@ inline Vyrix_ConnectionInfoS UartRecord(const char* path) {
     info.uartInfo = Vyrix_UartInfoS{path, 57600, 0, 1};
     return info;
 }
+inline Vyrix_ConnectionInfoS UsbRecord(const char* serial) {
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_USB;
+    info.usbInfo = Vyrix_USBInfoS{4, serial};
+    return info;
+}
+inline Vyrix_ConnectionInfoS BthRecord(const char* address, const char* key = "0000") {
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_BTH;
+    info.bthInfo = Vyrix_BTHInfoS{address, key};
+    return info;
+}
 
 class ApiLink : public ::testing::Test {
 protected:

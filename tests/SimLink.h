@@ -19,6 +19,46 @@ namespace vt {
 
 using Bytes = std::vector<uint8_t>;
 
+using vyrix::sim::Faults;
+
+// Faults with one field set (on top of `base`).
+template <typename T>
+Faults With(T Faults::*field, T value, Faults base = {}) {
+    base.*field = value;
+    return base;
+}
+inline Faults Quiet() { return With(&Faults::silent, true); }
+
+// A command payload (opcode 0x2A) the simulator answers.
+const Bytes kCommand = {0x2A, 0x2A, 0x05, 0x2A, 0x00, 0x00, 0x00, 0x00};
+
+// Sends a command payload to the device as KtSendMsg does.
+inline Vyrix_ReturnStatus Send(Bytes payload = kCommand, uint8_t destination = 0) {
+    KtXlnkMsgS msg{2, destination, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
+    return KtSendMsg(msg);
+}
+
+// Takes a reply with KtRemoveMsg into `payload`.
+inline Vyrix_ReturnStatus Take(Bytes& payload, int retryCount, KtXlnkMsgS* record = nullptr) {
+    payload.assign(4096, 0);
+    KtXlnkMsgS msg{};
+    msg.pPayload = payload.data();
+    Vyrix_ReturnStatus r = KtRemoveMsg(&msg, retryCount);
+    if (r == 0) payload.resize(msg.payloadLen);
+    if (record) *record = msg;
+    return r;
+}
+inline Vyrix_ReturnStatus Take(int retryCount) {
+    Bytes payload;
+    return Take(payload, retryCount);
+}
+
+// One command and its reply through the link-layer functions.
+inline Vyrix_ReturnStatus Exchange(int retryCount) {
+    Vyrix_ReturnStatus r = Send();
+    return r != 0 ? r : Take(retryCount);
+}
+
 inline std::string SerialLockName(const std::string& path) {
     return RuntimeDir() + "/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
 }
@@ -86,28 +126,7 @@ protected:
         sim.reset();
     }
 
-    // Sends a command payload to the device as KtSendMsg does.
-    Vyrix_ReturnStatus Send(Bytes payload, uint8_t destination = 0) {
-        KtXlnkMsgS msg{2, destination, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
-        return KtSendMsg(msg);
-    }
-
-    // Takes a reply with KtRemoveMsg into `payload`.
-    Vyrix_ReturnStatus Take(Bytes& payload, int retryCount, KtXlnkMsgS* record = nullptr) {
-        payload.assign(4096, 0);
-        KtXlnkMsgS msg{};
-        msg.pPayload = payload.data();
-        Vyrix_ReturnStatus r = KtRemoveMsg(&msg, retryCount);
-        if (r == 0) payload.resize(msg.payloadLen);
-        if (record) *record = msg;
-        return r;
-    }
-
-    static Bytes TakeMessage() { return vt::TakeMessage(); }
-
     void Fence() { vt::Fence(*sim); }
-
-    std::string Log() { return ReadFile(LogPath()); }
 
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
 };

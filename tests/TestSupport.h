@@ -8,6 +8,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +40,17 @@ inline std::string RuntimeDir() {
 
 inline bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// For EXPECT_TRUE: `part` occurs in `text`, which the failure shows.
+inline ::testing::AssertionResult Contains(const std::string& text, const std::string& part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << part << "\" is not in:\n" << text;
+}
+inline size_t Occurrences(const std::string& text, const std::string& part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
 inline std::string FdPath(int fd) {
     char link[64];
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
@@ -52,6 +65,14 @@ inline std::string LogPath() {
     fflush(g_pLogFile->Stream());
     return FdPath(fileno(g_pLogFile->Stream()));
 }
+inline std::string Log() { return ReadFile(LogPath()); }
+
+// A test whose library log runs from its start to its end.
+class Logged : public ::testing::Test {
+protected:
+    void SetUp() override { LogStart(); }
+    void TearDown() override { LogEnd(); }
+};
 
 inline int CountEntries(const char* dir) {
     int n = 0;

@@ -34,6 +34,9 @@ extern CCommHandler* g_pSerialCommHandler;
 namespace {
 
 using vt::Bytes;
+using vt::Contains;
+using vt::Log;
+const Bytes kInfo = {0x2A, 0x2A, 0x01, 0x27};
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 const std::string kAddress = "00:11:22:33:44:55";
 
@@ -154,9 +157,8 @@ TEST_F(Bluetooth, NoAdapterMeansBluetoothDisabled) {
     Choose("adapter", true);
     Choose("radio-fails", true);
     EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0000"), 0x19000000u);
-    const std::string log = vt::ReadFile(vt::LogPath());
-    EXPECT_NE(log.find("<ERROR> OpenPort:No bluetooth Support in Host mechine\n"), std::string::npos);
-    EXPECT_NE(log.find("<INFO> EnumerateDevices:Host device doesnt have bluetooth support.\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> OpenPort:No bluetooth Support in Host mechine\n"));
+    EXPECT_TRUE(Contains(Log(), "<INFO> EnumerateDevices:Host device doesnt have bluetooth support.\n"));
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
 }
 
@@ -200,7 +202,7 @@ TEST_F(Bluetooth, OpenTalkAndClose) {
     // The device ends the stream: gone, at once.
     shutdown(device.Raw(), SHUT_WR);
     EXPECT_EQ(port.ReadPort(in.data(), &n, CDeadline::Never()), 0x16000000u);
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> ReadPort :  Returns 1\n.\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> ReadPort :  Returns 1\n.\n"));
 
     EXPECT_EQ(port.ClosePort(), kOk);
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
@@ -214,7 +216,7 @@ TEST_F(Bluetooth, DeviceSwitchedOffOrNoSocket) {
     {
         BtPort port;
         EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0"), 0x01000000u);
-        EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> OpenPort LLC_BTPort Open failure -1\n"), std::string::npos);
+        EXPECT_TRUE(Contains(Log(), "<ERROR> OpenPort LLC_BTPort Open failure -1\n"));
     }
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));  // gone with the port
     Choose("socket-fails", true);
@@ -229,8 +231,7 @@ TEST_F(Bluetooth, LockFilesPerAddressText) {
     ASSERT_EQ(first.OpenPort(kAddress.c_str(), "0"), kOk);
     BtPort second;
     EXPECT_EQ(second.OpenPort(kAddress.c_str(), "0"), 0x16000000u);
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<RROR> CreateLockFile: Lockfile create failed.-1\n"),
-              std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<RROR> CreateLockFile: Lockfile create failed.-1\n"));
     EXPECT_TRUE(vt::FileExists(LockName(kAddress)));  // the holder keeps it
     // One device whatever the case of its address: the name is upper case.
     FakeDevice other("AA:BB:CC:DD:EE:FF", false);
@@ -249,14 +250,13 @@ TEST_F(Bluetooth, Enumeration) {
     memset(found, 0x5A, sizeof found);
     unsigned count = 0;
     ASSERT_EQ(port.EnumerateDevices(4, &count, found), kOk);
-    EXPECT_EQ(vyrix_fake_last_inquiry_length, 8);
-    EXPECT_EQ(vyrix_fake_last_inquiry_max, 255);
-    EXPECT_EQ(vyrix_fake_last_inquiry_flags, IREQ_CACHE_FLUSH);
+    EXPECT_EQ(
+        std::make_tuple(vyrix_fake_last_inquiry_length, vyrix_fake_last_inquiry_max, vyrix_fake_last_inquiry_flags),
+        std::make_tuple(8, 255, long{IREQ_CACHE_FLUSH}));
     ASSERT_EQ(count, 3u);
-    EXPECT_STREQ(found[0].uniqueID, "00:11:22:33:44:55");
-    EXPECT_STREQ(found[0].friendlyName, "Projector One");
-    EXPECT_STREQ(found[1].friendlyName, "[unknown]");
-    EXPECT_STREQ(found[2].uniqueID, "AA:BB:CC:DD:EE:02");
+    EXPECT_EQ(std::make_tuple(std::string(found[0].uniqueID), std::string(found[0].friendlyName),
+                              std::string(found[1].friendlyName), std::string(found[2].uniqueID)),
+              std::make_tuple("00:11:22:33:44:55", "Projector One", "[unknown]", "AA:BB:CC:DD:EE:02"));
     EXPECT_EQ(static_cast<unsigned char>(found[3].uniqueID[0]), 0x5A);  // not written
 
     ASSERT_EQ(port.EnumerateDevices(1, &count, found), kOk);
@@ -292,9 +292,7 @@ TEST_F(BluetoothLink, CommandsTravelOverRfcomm) {
     void* library = nullptr;
     void* conn = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    Vyrix_ConnectionInfoS info{};
-    info.connectionType = eVYRIX_CONNECTION_BTH;
-    info.bthInfo = Vyrix_BTHInfoS{kAddress.c_str(), "0000"};
+    const Vyrix_ConnectionInfoS info = vt::BthRecord(kAddress.c_str());
     ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);
     ASSERT_TRUE(device->WaitConnected());
     EXPECT_EQ(Vyrix_SetBrightness(conn, 42, eVYRIX_STORAGE_CURRENT), 0u);
@@ -322,22 +320,17 @@ TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
     ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
     ASSERT_TRUE(device->WaitConnected());
     ASSERT_EQ(KtOpenSerialPortByName(serial->SlavePath().c_str(), 57600), 0u);
-    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
-    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
-    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_EQ(vt::Send(kInfo), 0u);
     ASSERT_TRUE(serial->WaitForPackets(1, std::chrono::seconds(2)));
     EXPECT_EQ(device->Sim().ReceivedCount(), 0u);
-    Bytes reply(4096);
-    KtXlnkMsgS in{};
-    in.pPayload = reply.data();
-    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);
+    EXPECT_EQ(vt::Take(10), 0u);
 
     ASSERT_EQ(KtCloseSerialPort(), 0u);
     EXPECT_FALSE(LogExists());  // any close ends the log, Bluetooth still open
     unlink(vt::SerialLockName(serial->SlavePath()).c_str());
-    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_EQ(vt::Send(kInfo), 0u);
     ASSERT_TRUE(device->Sim().WaitForPackets(1, std::chrono::seconds(2)));
-    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);
+    EXPECT_EQ(vt::Take(10), 0u);
     EXPECT_EQ(KtCheckBthSocket(), 0u);
 }
 
@@ -346,18 +339,12 @@ TEST_F(BluetoothLink, DeviceClosingTheLinkMidCommandEndsNothingBadly) {
     FakeDevice raw(kAddress, false);
     ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
     ASSERT_TRUE(raw.WaitConnected());
-    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
-    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
-    ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_EQ(vt::Send(kInfo), 0u);
     shutdown(raw.Raw(), SHUT_RDWR);  // the device goes away before it answers
-    Bytes reply(4096);
-    KtXlnkMsgS in{};
-    in.pPayload = reply.data();
     vt::Stopwatch waited;
-    EXPECT_EQ(KtRemoveMsg(&in, 7500), 0x16000000u);  // at once, not after 750 s
+    EXPECT_EQ(vt::Take(7500), 0x16000000u);  // at once, not after 750 s
     EXPECT_LT(waited.Ms(), 3000);
-    EXPECT_EQ(KtCheckBthSocket(), 0x01000000u);
-    EXPECT_EQ(KtSendMsg(msg), 0x16000000u);
+    EXPECT_EQ(std::make_tuple(KtCheckBthSocket(), vt::Send(kInfo)), std::make_tuple(0x01000000u, 0x16000000u));
     vt::Stopwatch watch;
     EXPECT_EQ(KtCloseBTHSocket(), 0u);
     EXPECT_LT(watch.Ms(), 1000);
@@ -372,13 +359,8 @@ TEST_F(BluetoothLink, SecondProcessIsRefusedByTheLockFile) {
                                 "/exe --gtest_filter=BluetoothSecondProcess.* > /dev/null 2>&1";
     EXPECT_EQ(system(command.c_str()), 0);
     EXPECT_TRUE(vt::FileExists(LockName(kAddress)));
-    Bytes payload = {0x2A, 0x2A, 0x01, 0x27};
-    KtXlnkMsgS msg{2, 0, 0, 1, 4, payload.data()};
-    ASSERT_EQ(KtSendMsg(msg), 0u);
-    Bytes reply(4096);
-    KtXlnkMsgS in{};
-    in.pPayload = reply.data();
-    EXPECT_EQ(KtRemoveMsg(&in, 10), 0u);  // the first keeps working
+    ASSERT_EQ(vt::Send(kInfo), 0u);
+    EXPECT_EQ(vt::Take(10), 0u);  // the first keeps working
 }
 
 // The second process's side of the test above.

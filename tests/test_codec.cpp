@@ -69,11 +69,9 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
     return all;
 }
 
-class Codec : public ::testing::Test {
+class Codec : public vt::Logged {
 protected:
-    void SetUp() override { LogStart(); }
-    void TearDown() override { LogEnd(); }
-    std::string Log() { return vt::ReadFile(vt::LogPath()); }
+    static std::string Log() { return vt::Log(); }
 };
 
 TEST_F(Codec, EncodesTheWorkedExamples) {
@@ -94,10 +92,8 @@ TEST_F(Codec, ParsesTheWorkedExample) {
     CXlnkMsgHandler parser;
     Parsed p = Feed(parser, {{0xC0, 0x02, 0x00, 0x10, 0x02, 0xAA, 0xBB, 0x87}});
     ASSERT_EQ(p.records.size(), 1u);
-    EXPECT_EQ(p.records[0].deviceID, 2);
-    EXPECT_EQ(p.records[0].sourceID, 0);
-    EXPECT_EQ(p.records[0].priority, 0);
-    EXPECT_EQ(p.records[0].protocolID, 1);
+    const KtXlnkMsgS& r = p.records[0];
+    EXPECT_EQ(std::tie(r.deviceID, r.sourceID, r.priority, r.protocolID), std::make_tuple(2, 0, 0, 1));
     EXPECT_EQ(p.payloads[0], (Bytes{0xAA, 0xBB}));
 }
 
@@ -121,7 +117,7 @@ TEST_F(Codec, EncodingRefusalsInOrderWithTheirMessages) {
         Bytes out = Encode(c.record, &r);
         EXPECT_EQ(r, c.result) << c.message;
         EXPECT_EQ(out, Bytes(out.size(), 0xEE)) << "written before the checks passed: " << c.message;
-        EXPECT_NE(Log().find(c.message), std::string::npos) << c.message;
+        EXPECT_TRUE(vt::Contains(vt::Log(), c.message)) << c.message;
     }
 }
 
@@ -167,10 +163,8 @@ TEST_F(Codec, SplitMessagesAreInfoEntries) {
     CXlnkMsgHandler parser;
     Feed(parser, {Bytes(packet.begin(), packet.begin() + 3), Bytes(packet.begin() + 3, packet.begin() + 7),
                   Bytes(packet.begin() + 7, packet.end())});
-    EXPECT_NE(Log().find("<INFO> ParseHeader :Header not completely present in the current buffer\n"),
-              std::string::npos);
-    EXPECT_NE(Log().find("<INFO> ParsePayload :Payload not completely present in the current buffer\n"),
-              std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> ParseHeader :Header not completely present in the current buffer\n"));
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> ParsePayload :Payload not completely present in the current buffer\n"));
 }
 
 TEST_F(Codec, NoiseWithoutStartByteIsSkippedSilently) {
@@ -237,7 +231,7 @@ TEST_F(Codec, PriorityBitsRejectTheHeaderWithOneMessage) {
     Parsed p = Feed(parser, {{0xC0, 0x02, 0x00, 0x50, 0x01, 0x09, 0x00}});
     EXPECT_TRUE(p.records.empty());
     const std::string log = Log();
-    EXPECT_NE(log.find("<ERROR> ParseHeader :Valid header not found in buffer\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(log, "<ERROR> ParseHeader :Valid header not found in buffer\n"));
     EXPECT_EQ(log.find("Invalid"), std::string::npos);
 }
 
@@ -245,8 +239,8 @@ TEST_F(Codec, InvalidSourceAndProtocolAreRejected) {
     CXlnkMsgHandler parser;
     Feed(parser, {{0xC0, 0x02, 0x02, 0x10, 0x01, 0x09, 0x00}});
     Feed(parser, {{0xC0, 0x02, 0x00, 0x20, 0x01, 0x09, 0x00}});
-    EXPECT_NE(Log().find("<ERROR> ParseHeader :Invalid source id in buffer\n"), std::string::npos);
-    EXPECT_NE(Log().find("<ERROR> ParseHeader :Invalid protocol id in buffer\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParseHeader :Invalid source id in buffer\n"));
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParseHeader :Invalid protocol id in buffer\n"));
 }
 
 TEST_F(Codec, BroadcastIsAlwaysConnectionOriented) {
@@ -288,7 +282,7 @@ TEST_F(Codec, BadChecksumIsNeverDeliveredAndParsingGoesOn) {
     Parsed alone = Feed(parser, {bad});
     EXPECT_EQ(alone.results[0], 0x01000000u);
     EXPECT_TRUE(alone.records.empty());
-    EXPECT_NE(Log().find("<ERROR> ParsePacket :Invalid checksum in buffer\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParsePacket :Invalid checksum in buffer\n"));
     Parsed both = Feed(parser, {Concat({bad, DevicePacket(2, 1, {4, 5})})});
     ASSERT_EQ(both.payloads, std::vector<Bytes>{(Bytes{4, 5})});  // found in the same chunk
 }
@@ -305,7 +299,7 @@ TEST_F(Codec, NullArgumentsAndEmptyChunk) {
     EXPECT_EQ(parser.FindChecksum(nullptr, 1, &sum), 0x05000000u);
     EXPECT_EQ(parser.FindChecksum(&byte, 0, &sum), 0u);
     EXPECT_EQ(sum, 5);
-    EXPECT_NE(Log().find("<ERROR> FindChecksum :Invalid argument\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> FindChecksum :Invalid argument\n"));
 }
 
 TEST(CodecRoundTrip, RandomRecordsUnderRandomChunking) {

@@ -17,6 +17,8 @@
 namespace {
 
 using vt::Bytes;
+using vt::Contains;
+using vt::With;
 using vyrix::sim::Faults;
 
 // Resident memory in KiB.
@@ -53,15 +55,9 @@ protected:
         EXPECT_EQ(Vyrix_CloseConnection(again), 0u);
         unlink(vt::SerialLockName(fresh->SlavePath()).c_str());
     }
-    Vyrix_ReturnStatus RawExchange(int retryCount) {
-        Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
-        KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
-        Vyrix_ReturnStatus r = KtSendMsg(out);
-        if (r != 0) return r;
-        Bytes reply(4096);
-        KtXlnkMsgS in{};
-        in.pPayload = reply.data();
-        return KtRemoveMsg(&in, retryCount);
+    Vyrix_ReturnStatus Brightness() {
+        uint8_t b;
+        return Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT);
     }
     int threadsWithPort = 0;
 };
@@ -69,23 +65,16 @@ protected:
 // The device hangs up while a command waits for its reply: the command
 // (which would wait 750 s for a reply) ends at once, and so does the next.
 TEST_F(Faulty, HangUpInTheMiddleOfACommand) {
-    Faults f;
-    f.silent = true;
-    f.hangUpAfter = 1;
-    sim->SetFaults(f);
-    uint8_t b;
+    sim->SetFaults(With(&Faults::hangUpAfter, 1, vt::Quiet()));
     vt::Stopwatch watch;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0x16000000u);
+    EXPECT_EQ(Brightness(), 0x16000000u);
     EXPECT_LT(watch.Ms(), 2000);
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0x16000000u);
-    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
+    EXPECT_EQ(std::make_tuple(Brightness(), KtCheckSerialPort()), std::make_tuple(0x16000000u, 0x01000000u));
     ExpectCleanRecovery();
 }
 
 TEST_F(Faulty, HangUpInTheMiddleOfAFirmwareUpgrade) {
-    Faults f;
-    f.hangUpAfter = 3;
-    sim->SetFaults(f);
+    sim->SetFaults(With(&Faults::hangUpAfter, 3));
     std::vector<uint8_t> image(40000, 0x5A);
     size_t done = 0;
     vt::Stopwatch watch;
@@ -105,9 +94,7 @@ TEST_F(Faulty, HangUpInTheMiddleOfAFirmwareUpgrade) {
 
 TEST_F(Faulty, HangUpInTheMiddleOfABulkTransfer) {
     sim->SetResponder(vt::Answering({}));
-    Faults f;
-    f.hangUpAfter = 2;
-    sim->SetFaults(f);
+    sim->SetFaults(With(&Faults::hangUpAfter, 2));
     Bytes data(10000, 1);
     EXPECT_EQ(AlcSendImageCommandGeneric(0x70, data.data(), static_cast<unsigned>(data.size()), eVYRIX_RENDER_TARGET_0,
                                          {}, {}, eAP_DEVICE, nullptr),
@@ -129,17 +116,9 @@ TEST_F(Faulty, RandomBytesAndDamagedPacketsDeliverNothing) {
         sim->SendRaw(bad);
     }
     // Each damaged packet is found and dropped, also where several share a read.
-    auto damaged = [] {
-        const std::string log = vt::ReadFile(vt::LogPath());
-        size_t n = 0;
-        for (size_t at = log.find("Invalid checksum"); at != std::string::npos;
-             at = log.find("Invalid checksum", at + 1))
-            ++n;
-        return n;
-    };
-    ASSERT_TRUE(vt::Eventually([&] { return damaged() == 50; })) << damaged();
-    uint8_t b;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ASSERT_TRUE(vt::Eventually([&] { return vt::Occurrences(vt::Log(), "Invalid checksum") == 50; }))
+        << vt::Occurrences(vt::Log(), "Invalid checksum");
+    EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();
 }
 
@@ -150,52 +129,37 @@ TEST_F(Faulty, ArbitraryBytesIncludingStartBytesDoNotBreakTheLink) {
     sim->SendRaw(noise);
     // A header made of noise may claim up to 4095 payload bytes and swallow
     // the reply; the line going quiet gives it back.
-    uint8_t b;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();
 }
 
 TEST_F(Faulty, ResendRequestsForever) {
-    Faults f;
-    f.resendEvery = 1;
-    sim->SetFaults(f);
-    Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
-    KtXlnkMsgS out{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
-    ASSERT_EQ(KtSendMsg(out), 0u);
-    Bytes reply(4096);
-    KtXlnkMsgS in{};
-    in.pPayload = reply.data();
+    sim->SetFaults(With(&Faults::resendEvery, 1));
     vt::Stopwatch watch;
-    EXPECT_EQ(KtRemoveMsg(&in, 50), 0x01000000u);  // 11 resends, then given up
+    EXPECT_EQ(vt::Exchange(50), 0x01000000u);  // 11 resends, then given up
     EXPECT_LT(watch.Ms(), 15000);
     EXPECT_EQ(sim->ReceivedCount(), 12u);
     ExpectCleanRecovery();
 }
 
 TEST_F(Faulty, RepliesSplitByteByByteWithPauses) {
-    Faults f;
-    f.splitBytes = 1;
-    f.splitPauseMs = 3;
-    f.garbage = {0x55, 0x00, 0x13};
-    sim->SetFaults(f);
+    sim->SetFaults(With(&Faults::garbage, {0x55, 0x00, 0x13},
+                        With(&Faults::splitPauseMs, 3, With<size_t>(&Faults::splitBytes, 1))));
     Vyrix_SystemInfoS info{};
     EXPECT_EQ(Vyrix_GetSystemInfo(connection, &info), 0u);
     EXPECT_STREQ(info.infoText, "VYRIX-LSE-SIM-01");
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("Payload not completely present"), std::string::npos);
+    EXPECT_TRUE(Contains(vt::Log(), "Payload not completely present"));
     ExpectCleanRecovery();
 }
 
 TEST_F(Faulty, DeviceStopsAnsweringAndComesBack) {
-    Faults quiet;
-    quiet.silent = true;
-    sim->SetFaults(quiet);
+    sim->SetFaults(vt::Quiet());
     vt::Stopwatch watch;
-    EXPECT_EQ(RawExchange(4), 0x07000000u);
+    EXPECT_EQ(vt::Exchange(4), 0x07000000u);
     EXPECT_GE(watch.Ms(), 450);
     EXPECT_LT(watch.Ms(), 1500);
     sim->SetFaults(Faults{});
-    uint8_t b;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();
 }
 
@@ -227,10 +191,8 @@ TEST_F(Faulty, UnpromptedMessagesFloodWhileCommandsRun) {
 TEST_F(Faulty, ThrowingCallbackDoesNotEndTheReceiveThread) {
     KtRegisterCallback([](void*) -> Vyrix_ReturnStatus { throw std::runtime_error("application bug"); });
     sim->SendUnsolicited({0x2A, 0x2A, 1});
-    ASSERT_TRUE(
-        vt::Eventually([&] { return vt::ReadFile(vt::LogPath()).find("Error in ALC Callback") != std::string::npos; }));
-    uint8_t b;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    ASSERT_TRUE(vt::Eventually([&] { return Contains(vt::Log(), "Error in ALC Callback"); }));
+    EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();
 }
 
@@ -246,23 +208,22 @@ TEST_F(Faulty, SecondProcessIsRefusedAndLogsApart) {
     const int status = pclose(pipe);
     const std::string out(buf, n);
     EXPECT_EQ(WEXITSTATUS(status), 1) << out;
-    EXPECT_NE(out.find("\"result\":\"eVYRIX_NOT_CONNECTED\""), std::string::npos) << out;
+    EXPECT_TRUE(Contains(out, "\"result\":\"eVYRIX_NOT_CONNECTED\""));
     // Its entries went to a time-stamped file, not into ours.
-    EXPECT_EQ(vt::ReadFile(vt::LogPath()).find("Lockfile create failed"), std::string::npos);
+    EXPECT_FALSE(Contains(vt::Log(), "Lockfile create failed"));
     bool found = false;
     if (DIR* dir = opendir(vt::RuntimeDir().c_str())) {
         while (dirent* e = readdir(dir)) {
             const std::string name = e->d_name;
             if (name.rfind("Vyrix_SDK_", 0) != 0) continue;
             const std::string file = vt::RuntimeDir() + "/" + name;
-            if (vt::ReadFile(file).find("Lockfile create failed") != std::string::npos) found = true;
+            found = found || Contains(vt::ReadFile(file), "Lockfile create failed");
             unlink(file.c_str());
         }
         closedir(dir);
     }
     EXPECT_TRUE(found);
-    uint8_t b;
-    EXPECT_EQ(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(Brightness(), 0u);
     EXPECT_TRUE(vt::FileExists(vt::SerialLockName(path)));
     ExpectCleanRecovery();
 }
@@ -275,9 +236,9 @@ TEST_F(Faulty, MemoryStaysFlatOverTenThousandCommands) {
     sim->SetResponder([](const vyrix::sim::HostPacket& p) -> std::optional<vyrix::sim::Reply> {
         return vt::ReplyTo(p.payload[2] & 0x3F, {1, 2, 3, 4});
     });
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(RawExchange(50), 0u);  // warm up
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(vt::Exchange(50), 0u);  // warm up
     const long before = RssKiB();
-    for (int i = 0; i < 10000; ++i) ASSERT_EQ(RawExchange(50), 0u);
+    for (int i = 0; i < 10000; ++i) ASSERT_EQ(vt::Exchange(50), 0u);
     const long growth = RssKiB() - before;
     RecordProperty("rss_growth_kib", static_cast<int>(growth));
     EXPECT_LT(growth, 256) << "resident memory grew by " << growth << " KiB over 10,000 commands";

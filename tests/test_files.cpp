@@ -43,11 +43,9 @@ int FilesStartingWith(const std::string& prefix) {
     return n;
 }
 
-class Files : public ::testing::Test {
+class Files : public vt::Logged {
 protected:
-    void SetUp() override { LogStart(); }
-    void TearDown() override { LogEnd(); }
-    std::string Log() { return vt::ReadFile(vt::LogPath()); }
+    static std::string Log() { return vt::Log(); }
 };
 
 // A process holding the line is killed: its lock file stays, but its
@@ -78,8 +76,7 @@ TEST_F(Files, LockOfAKilledProcessIsTakenOver) {
     ASSERT_TRUE(vt::FileExists(pty.LockName()));  // left behind
 
     ASSERT_EQ(OpenLine(port, pty.Path()), 0u) << Log();
-    EXPECT_NE(Log().find("<INFO> CreateLockFile: Stale lock file " + pty.LockName() + " taken over.\n"),
-              std::string::npos)
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> CreateLockFile: Stale lock file " + pty.LockName() + " taken over.\n"))
         << Log();
     EXPECT_EQ(port->ClosePort(), 0u);
     EXPECT_FALSE(vt::FileExists(pty.LockName()));
@@ -95,7 +92,7 @@ TEST_F(Files, OtherNameOfAnOpenTerminalIsRefused) {
     ASSERT_EQ(OpenLine(first, pty.Path()), 0u);
     EXPECT_EQ(OpenLine(second, link), 0x16000000u);
     EXPECT_FALSE(vt::FileExists(LockNameFor(link)));  // its lock file went with the refusal
-    EXPECT_NE(Log().find("<ERROR> OpenPort Device not connected\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> OpenPort Device not connected\n"));
     EXPECT_EQ(first->ClosePort(), 0u);
     EXPECT_EQ(OpenLine(second, link), 0u);  // free again
     EXPECT_EQ(OpenLine(first, pty.Path()), 0x16000000u);
@@ -125,7 +122,7 @@ TEST_F(Files, OnlyTerminalsAreSerialPorts) {
         EXPECT_EQ(st.st_size, 0);
         unlink(path.c_str());
     }
-    EXPECT_NE(Log().find("<INFO> OpenPort Opening '" + path + "' failed\n"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> OpenPort Opening '" + path + "' failed\n"));
 }
 
 TEST_F(Files, MalformedBluetoothAddressesAreRefusedFirst) {

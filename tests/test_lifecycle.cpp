@@ -71,13 +71,4 @@ TEST_F(Lifecycle, ReopenStartsAFreshContext) {
     EXPECT_TRUE(g_pLibCtx->connections.empty());
 }
 
-TEST(ComPortNumber, NumberAfterThePrefix) {
-    EXPECT_EQ(GetCOMPortNumber("/dev/ttyS12", "ttyS"), 12);
-    EXPECT_EQ(GetCOMPortNumber("/dev/ttyUSB0", "ttyS"), -1);
-    EXPECT_EQ(GetCOMPortNumber("COM7", "COM"), 7);
-    EXPECT_EQ(GetCOMPortNumber("COM0", "COM"), 0);
-    EXPECT_EQ(GetCOMPortNumber("COMX", "COM"), 0);
-    EXPECT_EQ(GetCOMPortNumber("COMX1", "COM"), -1);
-}
-
 }  // namespace

@@ -17,12 +17,18 @@
 namespace {
 
 using vt::Bytes;
+using vt::Contains;
+using vt::kCommand;
+using vt::Log;
+using vt::Send;
+using vt::Take;
+using vt::TakeMessage;
+using vt::With;
 using vyrix::sim::EncodeDevicePacket;
 using vyrix::sim::Faults;
 using vyrix::sim::HostPacket;
 using vyrix::sim::Reply;
 
-const Bytes kCommand = {0x2A, 0x2A, 0x05, 0x2A, 0x00, 0x00, 0x00, 0x00};
 const Bytes kEchoReply = {0x2A, 0x2A, 0x45, 0, 0, 0, 0, 1, 2, 3};
 
 // Answers every command with its sequence number and the values 1 2 3.
@@ -43,23 +49,17 @@ protected:
         sim->SetResponder(Echo);
     }
     // The device answers nothing by itself: the test writes its bytes.
-    void Quiet() {
-        Faults quiet;
-        quiet.silent = true;
-        sim->SetFaults(quiet);
-    }
+    void Quiet() { sim->SetFaults(vt::Quiet()); }
     static KtHandlerRef Handler() { return CHandlerTable::Instance().First(eTRANSPORT_SERIAL); }
 };
 
 TEST_F(Llc, ReplyRoundTripWithTheRecordFilledIn) {
-    ASSERT_EQ(Send(kCommand), 0u);
+    ASSERT_EQ(Send(), 0u);
     Bytes reply;
-    KtXlnkMsgS record{};
-    ASSERT_EQ(Take(reply, 10, &record), 0u);
+    KtXlnkMsgS r{};
+    ASSERT_EQ(Take(reply, 10, &r), 0u);
     EXPECT_EQ(reply, kEchoReply);
-    EXPECT_EQ(record.deviceID, 2);
-    EXPECT_EQ(record.sourceID, 0);
-    EXPECT_EQ(record.protocolID, 1);
+    EXPECT_EQ(std::tie(r.deviceID, r.sourceID, r.protocolID), std::make_tuple(2, 0, 1));
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
     EXPECT_EQ(sim->Received()[0].payload, kCommand);
 }
@@ -67,7 +67,7 @@ TEST_F(Llc, ReplyRoundTripWithTheRecordFilledIn) {
 TEST_F(Llc, RepliesAreQueuedOnlyWhileOneIsAwaited) {
     sim->SendPacket(vt::ReplyTo(5));  // nobody asked
     Fence();
-    ASSERT_EQ(Send(kCommand), 0u);
+    ASSERT_EQ(Send(), 0u);
     Bytes reply;
     ASSERT_EQ(Take(reply, 10), 0u);
     EXPECT_EQ(reply, kEchoReply);  // the answer to the command, not the stray one
@@ -82,22 +82,21 @@ TEST_F(Llc, RepliesAreQueuedOnlyWhileOneIsAwaited) {
 // retryCount keeps its meaning as a time-out of retryCount + 1 periods of
 // 100 ms; a reply that arrives ends the wait at once.
 TEST_F(Llc, RemoveMsgWaitsItsPeriodsUnlessAReplyComes) {
-    Bytes reply;
     vt::Stopwatch once;
-    EXPECT_EQ(Take(reply, 0), 0x07000000u);
+    EXPECT_EQ(Take(0), 0x07000000u);
     EXPECT_GE(once.Ms(), 95);
     vt::Stopwatch thrice;
-    EXPECT_EQ(Take(reply, 2), 0x07000000u);
+    EXPECT_EQ(Take(2), 0x07000000u);
     EXPECT_GE(thrice.Ms(), 295);
 
     Quiet();
-    ASSERT_EQ(Send(kCommand), 0u);
+    ASSERT_EQ(Send(), 0u);
     std::thread device([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         sim->SendPacket(vt::ReplyTo(5));
     });
     vt::Stopwatch watch;
-    EXPECT_EQ(Take(reply, 100), 0u);  // 10 s at most
+    EXPECT_EQ(Take(100), 0u);  // 10 s at most
     device.join();
     EXPECT_LT(watch.Ms(), 2000);
 }
@@ -122,7 +121,7 @@ TEST_F(Llc, PacketsSharingAWriteAreAllDelivered) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         const int calls = counter.Calls();
-        ASSERT_EQ(Send(kCommand), 0u);
+        ASSERT_EQ(Send(), 0u);
         sim->SendRaw(c.bytes);
         Bytes got;
         ASSERT_EQ(Take(got, 50), 0u);
@@ -150,7 +149,7 @@ TEST_F(Llc, RealPacketAfterNoiseIsFound) {
     Quiet();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_EQ(Send(kCommand), 0u);
+        ASSERT_EQ(Send(), 0u);
         for (const Bytes& w : c.writes) {
             if (w.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the line is quiet
             sim->SendRaw(w);
@@ -159,11 +158,11 @@ TEST_F(Llc, RealPacketAfterNoiseIsFound) {
         ASSERT_EQ(Take(got, 50), 0u);
         EXPECT_EQ(got, vt::ReplyTo(5, {9}).payload);
     }
-    EXPECT_NE(Log().find("<ERROR> ParseHeader :Valid header not found in buffer\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> ParseHeader :Valid header not found in buffer\n"));
 }
 
 TEST_F(Llc, RemoveMsgCapacityRules) {
-    ASSERT_EQ(Send(kCommand), 0u);
+    ASSERT_EQ(Send(), 0u);
     Bytes buffer(4096, 0);
     KtXlnkMsgS msg{};
     msg.payloadLen = 100;
@@ -186,48 +185,39 @@ TEST_F(Llc, RemoveMsgCapacityRules) {
     KtXlnkMsgS noBuffer{0, 0, 0, 0, 16, nullptr};
     EXPECT_EQ(Handler()->RemoveMsg(eCONNECTION_ORIENTED, &noBuffer), 0x05000000u);
     EXPECT_EQ(Handler()->RemoveMsg(static_cast<KtQueueTypeE>(2), &msg), 0x05000000u);
-    const std::string log = Log();
-    EXPECT_NE(log.find("<ERROR> KtRemoveMessage :Payload length greater than max payload 4096\n"), std::string::npos);
-    EXPECT_NE(log.find("<INFO> KtRemoveMessage Payload length : 4095\n"), std::string::npos);
-    EXPECT_NE(log.find("<ERROR> RemoveMsg :Invalid argument\n"), std::string::npos);
+    for (const char* entry :
+         {"<ERROR> KtRemoveMessage :Payload length greater than max payload 4096\n",
+          "<INFO> KtRemoveMessage Payload length : 4095\n", "<ERROR> RemoveMsg :Invalid argument\n"})
+        EXPECT_TRUE(Contains(Log(), entry));
 }
 
-TEST_F(Llc, ResendRequestRepeatsTheSameBytesAndTakesTheNextReply) {
-    Faults faults;
-    faults.resendRequests = 1;
-    sim->SetFaults(faults);
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
-    ASSERT_EQ(Take(reply, 50), 0u);
-    EXPECT_EQ(reply, kEchoReply);
-    std::vector<HostPacket> got = sim->Received();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[1].raw, got[0].raw);
-    const std::string log = Log();
-    EXPECT_NE(log.find("<INFO> RetryLastMessage: Retry number :0\n"), std::string::npos);
-    EXPECT_NE(log.find("Retry success"), std::string::npos);
-    EXPECT_EQ(log.find("Retry number :1"), std::string::npos);
-}
-
-TEST_F(Llc, ElevenResendRequestsInARowFail) {
-    Faults faults;
-    faults.resendRequests = 12;  // the first answer and every one of the 11 resends
-    sim->SetFaults(faults);
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
-    EXPECT_EQ(Take(reply, 50), 0x01000000u);
-    EXPECT_EQ(sim->ReceivedCount(), 12u);
-    const std::string log = Log();
-    EXPECT_NE(log.find("Retry number :10\n"), std::string::npos);
-    EXPECT_EQ(log.find("Retry number :11"), std::string::npos);
-    EXPECT_EQ(log.find("Retry success"), std::string::npos);
+// One resend request: the same bytes again, and the next reply is taken.
+// Eleven in a row: given up after the tenth resend.
+TEST_F(Llc, ResendRequestsRepeatTheSameBytesTenTimesAtMost) {
+    for (int requests : {1, 12}) {
+        SCOPED_TRACE(requests);
+        const size_t mark = Log().size();
+        const size_t before = sim->ReceivedCount();
+        sim->SetFaults(With(&Faults::resendRequests, requests));
+        ASSERT_EQ(Send(), 0u);
+        Bytes reply;
+        EXPECT_EQ(Take(reply, 50), requests == 1 ? 0u : 0x01000000u);
+        std::vector<HostPacket> got = sim->Received();
+        ASSERT_EQ(got.size() - before, requests == 1 ? 2u : 12u);
+        EXPECT_EQ(got.back().raw, got[before].raw);
+        const std::string log = Log().substr(mark);
+        EXPECT_EQ(Contains(log, "Retry success"), requests == 1);
+        EXPECT_TRUE(Contains(log, requests == 1 ? "<INFO> RetryLastMessage: Retry number :0\n" : "Retry number :10\n"));
+        EXPECT_FALSE(Contains(log, requests == 1 ? "Retry number :1" : "Retry number :11"));
+        if (requests == 1) {
+            EXPECT_EQ(reply, kEchoReply);
+        }
+    }
 }
 
 TEST_F(Llc, ResendRequestWithoutACopyFailsAfterASecond) {
-    Faults faults;
-    faults.resendRequests = 1;
-    sim->SetFaults(faults);
-    ASSERT_EQ(Send(kCommand), 0u);
+    sim->SetFaults(With(&Faults::resendRequests, 1));
+    ASSERT_EQ(Send(), 0u);
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));
     Fence();                       // the resend request is queued
     Handler()->ClearRetryCache();  // ...and the copy is gone
@@ -250,9 +240,9 @@ TEST_F(Llc, OversizedQueuedMessageIsRemovedWholeAndCut) {
     EXPECT_EQ(msg.payloadLen, 2);
     EXPECT_EQ(buffer, (Bytes{0x2A, 0x2A, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(TakeMessage(), Bytes{});
-    EXPECT_NE(Log().find("<ERROR> RemoveMsgFromQueue :Payload length in message structure is less than the actual "
-                         "payload in queue\n"),
-              std::string::npos);
+    EXPECT_TRUE(Contains(Log(),
+                         "<ERROR> RemoveMsgFromQueue :Payload length in message structure is less than the "
+                         "actual payload in queue\n"));
 }
 
 TEST_F(Llc, SendRefusesBadPacketsWithoutWriting) {
@@ -261,9 +251,7 @@ TEST_F(Llc, SendRefusesBadPacketsWithoutWriting) {
     EXPECT_EQ(Send(Bytes{}), 0x05000000u);
     EXPECT_EQ(Send(kCommand, 2), 0x05000000u);
     EXPECT_EQ(KtSendMessage(2, 0, 0, 1, 0, nullptr), 0x05000000u);
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
-    ASSERT_EQ(Take(reply, 50), 0u);
+    ASSERT_EQ(vt::Exchange(50), 0u);
     EXPECT_EQ(sim->ReceivedCount(), 1u);  // only the good one went out
     EXPECT_EQ(sim->BadPackets(), 0u);
 }
@@ -273,13 +261,10 @@ TEST_F(Llc, SecondOpenIsRefusedAndTheFirstKeepsWorking) {
     EXPECT_EQ(KtOpenSerialPortByName(other->SlavePath().c_str(), 57600), 0x18000000u);
     EXPECT_EQ(KtOpenSerialPort(0, 57600), 0x18000000u);
     EXPECT_EQ(KtOpenSerialPort(-1, 57600), 0x18000000u);  // the open port is found first
-    EXPECT_NE(Log().find("<ERROR> KtOpenSerialPortByName :Serial port already opened\n"), std::string::npos);
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
-    EXPECT_EQ(Take(reply, 10), 0u);
-    EXPECT_EQ(KtCheckSerialPort(), 0u);
-    EXPECT_EQ(KtCheckUsbPort(), 0x01000000u);
-    EXPECT_EQ(KtCheckBthSocket(), 0x01000000u);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> KtOpenSerialPortByName :Serial port already opened\n"));
+    EXPECT_EQ(vt::Exchange(10), 0u);
+    EXPECT_EQ(std::make_tuple(KtCheckSerialPort(), KtCheckUsbPort(), KtCheckBthSocket()),
+              std::make_tuple(0u, 0x01000000u, 0x01000000u));
 }
 
 // An idle link: the receive thread sleeps in the kernel, and a close wakes
@@ -299,27 +284,20 @@ TEST_F(Llc, IdleLinkSleepsAndClosesAtOnce) {
     EXPECT_FALSE(vt::FileExists(lock));
     EXPECT_EQ(vt::ContextSwitches("vyrix-receive"), -1);  // joined
     EXPECT_EQ(KtCloseSerialPort(), 0x16000000u);
-    EXPECT_EQ(Send(kCommand), 0x16000000u);
-    Bytes reply;
-    EXPECT_EQ(Take(reply, 5), 0x16000000u);
-    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
+    EXPECT_EQ(std::make_tuple(Send(), Take(5), KtCheckSerialPort()),
+              std::make_tuple(0x16000000u, 0x16000000u, 0x01000000u));
 }
 
 // The device hangs up while a command waits for its reply: the wait ends
 // with "not connected" as soon as the kernel reports it, and so does every
 // later command.
 TEST_F(Llc, HangUpEndsAWaitingCommandAtOnce) {
-    Faults faults;
-    faults.silent = true;
-    faults.hangUpAfter = 1;
-    sim->SetFaults(faults);
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
+    sim->SetFaults(With(&Faults::hangUpAfter, 1, vt::Quiet()));
+    ASSERT_EQ(Send(), 0u);
     vt::Stopwatch watch;
-    EXPECT_EQ(Take(reply, 7500), 0x16000000u);
+    EXPECT_EQ(Take(7500), 0x16000000u);
     EXPECT_LT(watch.Ms(), 5000);
-    EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
-    EXPECT_EQ(Send(kCommand), 0x16000000u);
+    EXPECT_EQ(std::make_tuple(KtCheckSerialPort(), Send()), std::make_tuple(0x01000000u, 0x16000000u));
     EXPECT_EQ(vt::ContextSwitches("vyrix-receive"), -1);  // the loop ended
     ASSERT_EQ(KtCloseSerialPort(), 0u);
     EXPECT_FALSE(vt::FileExists(vt::SerialLockName(sim->SlavePath())));
@@ -329,11 +307,7 @@ TEST_F(Llc, HangUpEndsAWaitingCommandAtOnce) {
 // whichever comes first, nothing touches the handler after it is gone.
 TEST_F(Llc, CloseFromAnotherThreadEndsAWaitingCommand) {
     Quiet();
-    auto waiter = std::async(std::launch::async, [&] {
-        if (Send(kCommand) != 0u) return Send(kCommand);
-        Bytes reply;
-        return Take(reply, 7500);
-    });
+    auto waiter = std::async(std::launch::async, [&] { return Send() != 0u ? Send() : Take(7500); });
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));
     vt::Stopwatch watch;
     ASSERT_EQ(KtCloseSerialPort(), 0u);
@@ -391,10 +365,8 @@ TEST_F(Llc, CloseDoesNotWaitForARunningCallback) {
 
 TEST_F(Llc, ConnectionlessMessagesWithoutCallbackAreDropped) {
     sim->SendUnsolicited({0x2A, 0x2A, 7});
-    ASSERT_EQ(Send(kCommand), 0u);
-    Bytes reply;
-    ASSERT_EQ(Take(reply, 50), 0u);  // the message before it was handled
-    Fence();                         // registers the callback: later messages are kept
+    ASSERT_EQ(vt::Exchange(50), 0u);  // the message before it was handled
+    Fence();                          // registers the callback: later messages are kept
     EXPECT_EQ(TakeMessage(), Bytes{});
 }
 
@@ -407,15 +379,14 @@ TEST_F(Llc, FailingCallbackIsLoggedAndItsMessageStays) {
     EXPECT_EQ(KtRegisterCallback(nullptr), 0x05000000u);  // the registered one stays
     sim->SendUnsolicited({0x2A, 0x2A, 7});
     ASSERT_TRUE(vt::CallbackCounter::Instance().WaitFor(1));
-    ASSERT_TRUE(vt::Eventually([&] { return Log().find("Error in ALC Callback") != std::string::npos; }));
-    EXPECT_NE(Log().find("<ERROR> ReadThreadRoutine: Error in ALC Callback.\n"), std::string::npos);
+    ASSERT_TRUE(vt::Eventually([&] { return Contains(Log(), "<ERROR> ReadThreadRoutine: Error in ALC Callback.\n"); }));
     EXPECT_EQ(TakeMessage(), (Bytes{0x2A, 0x2A, 7}));
 }
 
 TEST_F(Llc, HandlerEdgeCases) {
     CCommHandler handler;
     EXPECT_EQ(handler.ClosePort(), 0x01000000u);
-    EXPECT_NE(Log().find("<ERROR> ClosePort :Error closing port\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> ClosePort :Error closing port\n"));
     EXPECT_EQ(handler.OpenPort(sim->SlavePath().c_str(), 115200), 0x05000000u);
     EXPECT_EQ(handler.OpenPort(static_cast<const char*>(nullptr), 57600), 0x05000000u);
     EXPECT_EQ(handler.IsDeviceConnected(), 0x01000000u);
@@ -441,14 +412,11 @@ TEST(LlcStalled, WriteToADeviceThatStopsReadingFails) {
 }
 
 TEST(LlcWithoutPort, EverythingSaysNotConnected) {
-    Bytes payload = kCommand;
-    KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(payload.size()), payload.data()};
-    EXPECT_EQ(KtSendMsg(msg), 0x16000000u);
-    EXPECT_EQ(KtRemoveMsg(&msg, 0), 0x16000000u);
-    EXPECT_EQ(KtRemoveConnectionlessMsg(&msg), 0x16000000u);
-    EXPECT_EQ(KtCloseSerialPort(), 0x16000000u);
-    EXPECT_EQ(KtCloseUsbPort(), 0x16000000u);
-    EXPECT_EQ(KtCloseBTHSocket(), 0x16000000u);
+    Bytes payload(16);
+    KtXlnkMsgS msg{2, 0, 0, 1, 16, payload.data()};
+    for (Vyrix_ReturnStatus r :
+         {Send(), Take(0), KtRemoveConnectionlessMsg(&msg), KtCloseSerialPort(), KtCloseUsbPort(), KtCloseBTHSocket()})
+        EXPECT_EQ(r, 0x16000000u);
     EXPECT_EQ(KtOpenSerialPort(-1, 57600), 0x05000000u);
     EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);           // -1 left nothing open
     EXPECT_EQ(KtOpenSerialPort(999, 57600), 0x01000000u);  // /dev/ttyS999: no such device

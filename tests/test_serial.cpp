@@ -34,9 +34,8 @@ std::vector<uint8_t> ReadAvailable(int fd, size_t want) {
     return got;
 }
 
-class Serial : public ::testing::Test {
+class Serial : public vt::Logged {
 protected:
-    void SetUp() override { LogStart(); }
     void TearDown() override {
         LogEnd();
         unlink(pty.LockName().c_str());
@@ -99,11 +98,10 @@ TEST_F(Serial, LockFileLivesExactlyAsLongAsThePort) {
     }
     CSPort again(pty.Path().c_str());
     EXPECT_EQ(again.OpenPort(), kOk);
-    const std::string log = vt::ReadFile(vt::LogPath());
-    EXPECT_NE(log.find("<RROR> CreateLockFile: Lockfile create failed.-1\n"), std::string::npos);
-    EXPECT_NE(log.find("<ERROR> OpenPort Device not connected\n"), std::string::npos);
-    EXPECT_NE(log.find("<ERROR> OpenPort Port already opened\n"), std::string::npos);
-    EXPECT_NE(log.find("<INFO> ClosePort: Lock File Removed.\n"), std::string::npos);
+    for (const char* entry :
+         {"<RROR> CreateLockFile: Lockfile create failed.-1\n", "<ERROR> OpenPort Device not connected\n",
+          "<ERROR> OpenPort Port already opened\n", "<INFO> ClosePort: Lock File Removed.\n"})
+        EXPECT_TRUE(vt::Contains(vt::Log(), entry));
 }
 
 TEST_F(Serial, HandMadeLockFileOrPlantedLinkBlocksAndSurvives) {
@@ -121,8 +119,7 @@ TEST_F(Serial, MissingDeviceLeavesNoLockFile) {
     CSPort port("/dev/vyrix-no-such-tty");
     EXPECT_EQ(port.OpenPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists(vt::RuntimeDir() + "/vyrix_llc_com_vyrix-no-such-tty.lock"));
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<INFO> OpenPort Opening '/dev/vyrix-no-such-tty' failed\n"),
-              std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> OpenPort Opening '/dev/vyrix-no-such-tty' failed\n"));
 }
 
 TEST_F(Serial, NamesAndTheirLockFiles) {
@@ -164,10 +161,8 @@ TEST_F(Serial, AttributesAreRestoredOnClose) {
     }
     termios after{};
     ASSERT_EQ(tcgetattr(pty.Slave(), &after), 0);
-    EXPECT_EQ(after.c_iflag, before.c_iflag);
-    EXPECT_EQ(after.c_oflag, before.c_oflag);
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(std::tie(after.c_iflag, after.c_oflag, after.c_cflag, after.c_lflag),
+              std::tie(before.c_iflag, before.c_oflag, before.c_cflag, before.c_lflag));
     EXPECT_EQ(memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
     EXPECT_EQ(cfgetospeed(&after), cfgetospeed(&before));
 }
@@ -282,13 +277,9 @@ TEST_F(Serial, WriteWithoutProgressFailsAfterTwoSeconds) {
     for (; written < 1000 && r == kOk; ++written) r = port.WritePort(packet.data(), 4101);
     EXPECT_EQ(r, 0x01000000u);
     EXPECT_GE(watch.Ms(), 1900);
-    const std::string log = vt::ReadFile(vt::LogPath());
-    size_t waits = 0;
-    for (size_t at = log.find("Resource is temporarily unavailable"); at != std::string::npos;
-         at = log.find("Resource is temporarily unavailable", at + 1))
-        ++waits;
-    EXPECT_LE(waits, 2u);  // the last packet that still fitted, and the one that failed
-    EXPECT_NE(log.find("<ERROR> WritePort: Write Failed.\n"), std::string::npos);
+    // Said for the last packet that still fitted, and for the one that failed.
+    EXPECT_LE(vt::Occurrences(vt::Log(), "Resource is temporarily unavailable"), 2u);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> WritePort: Write Failed.\n"));
 }
 
 TEST_F(Serial, DescriptorIsNotInherited) {
@@ -318,8 +309,7 @@ TEST(SerialHostileTmp, ReplacedLockFileIsNotDeleted) {
     { std::ofstream(pty.LockName()) << "someone else's\n"; }
     EXPECT_EQ(port.ClosePort(), 0u);
     EXPECT_EQ(vt::ReadFile(pty.LockName()), "someone else's\n");
-    EXPECT_NE(vt::ReadFile(vt::LogPath()).find("<ERROR> ClosePort: Lock file " + pty.LockName() + " remove failed.\n"),
-              std::string::npos);
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ClosePort: Lock file " + pty.LockName() + " remove failed.\n"));
     unlink(pty.LockName().c_str());
     LogEnd();
 }

@@ -81,11 +81,7 @@ TEST(ThreadObject, CloseWaitsForTheWorkerAndSaysSoEvery250Ms) {
     opener.join();
     EXPECT_GE(waited, 550);
     EXPECT_LT(waited, 2000);
-    std::string log = vt::ReadFile(path);
-    size_t count = 0;
-    for (size_t at = log.find("<ERROR> CloseThread: Thread still active!!\n"); at != std::string::npos;
-         at = log.find("<ERROR> CloseThread: Thread still active!!\n", at + 1))
-        ++count;
+    const size_t count = vt::Occurrences(vt::ReadFile(path), "<ERROR> CloseThread: Thread still active!!\n");
     EXPECT_GE(count, 2u);  // 600 ms of waiting at 250 ms a look: 3 looks
     EXPECT_LE(count, 4u);
     LogEnd();

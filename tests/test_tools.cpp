@@ -172,7 +172,7 @@ TEST_F(Tools, GetSetAndJsonWithOptionsAnywhere) {
     EXPECT_EQ(gamma.status, 0) << gamma.err;
     EXPECT_EQ(Json(gamma)["value"], "1.");
     Outcome saved = Ctl("--uart LINK get brightness --storage 1");
-    EXPECT_NE(saved.out.find("value:             42"), std::string::npos) << saved.out;
+    EXPECT_TRUE(vt::Contains(saved.out, "value:             42")) << saved.out;
     EXPECT_EQ(saved.err, "");
 }
 
@@ -204,7 +204,7 @@ TEST_F(Tools, UsageErrorsExitTwoWithOneLine) {
         Outcome text = Ctl(c.args);
         EXPECT_EQ(text.status, 2) << c.args;
         EXPECT_EQ(text.out, "") << c.args;
-        EXPECT_NE(text.err.find(c.says), std::string::npos) << c.args << ": " << text.err;
+        EXPECT_TRUE(vt::Contains(text.err, c.says)) << c.args << ": " << text.err;
         EXPECT_EQ(std::count(text.err.begin(), text.err.end(), '\n'), 1) << text.err;
         Outcome json = Ctl(std::string(c.args) + " --json");
         EXPECT_EQ(json.status, 2) << c.args;
@@ -232,7 +232,7 @@ TEST_F(Tools, FailuresNameTheCauseAndPrintNothingOnStdout) {
         Outcome o = Ctl(c.args);
         EXPECT_EQ(o.status, 1) << c.args;
         EXPECT_EQ(o.out, "") << c.args;
-        EXPECT_NE(o.err.find(c.says), std::string::npos) << c.args << ": " << o.err;
+        EXPECT_TRUE(vt::Contains(o.err, c.says)) << c.args << ": " << o.err;
         EXPECT_EQ(Json(Ctl(c.args + " --json"))["result"].get<std::string>().rfind("eVYRIX_", 0), 0u) << c.args;
     }
     EXPECT_EQ(PacketsSeen(), 0u);
@@ -253,8 +253,7 @@ TEST_F(Tools, UpgradeAndNamedEvents) {
     nlohmann::json j = Json(up);
     EXPECT_EQ(j["bytes"], 9001);
     ASSERT_TRUE(vt::Eventually([&] { return SimOut().find("firmware image received") != std::string::npos; }));
-    EXPECT_NE(SimOut().find("9001 bytes in 3 chunks, crc32 " + j["crc32"].get<std::string>()), std::string::npos)
-        << SimOut();
+    EXPECT_TRUE(vt::Contains(SimOut(), "9001 bytes in 3 chunks, crc32 " + j["crc32"].get<std::string>())) << SimOut();
 
     nlohmann::json events = Json(Ctl("--uart LINK --json events 4"))["events"];
     ASSERT_FALSE(events.empty());
@@ -296,7 +295,7 @@ TEST_F(Tools, SimulatorNeverReplacesAFile) {
     std::ofstream(path) << "keep me";
     Outcome o = Run(VYRIX_SIM, "--link " + path);
     EXPECT_EQ(o.status, 1);
-    EXPECT_NE(o.err.find("exists"), std::string::npos) << o.err;
+    EXPECT_TRUE(vt::Contains(o.err, "exists")) << o.err;
     EXPECT_EQ(vt::ReadFile(path), "keep me");
 }
 
@@ -310,11 +309,11 @@ TEST_F(Tools, MonitorShowsUnpromptedMessages) {
 }
 
 TEST_F(Tools, DemoRunsToTheEndPlainOffATerminal) {
-    EXPECT_NE(Run(VYRIX_DEMO, "--help").out.find("Usage: vyrix-demo"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(Run(VYRIX_DEMO, "--help").out, "Usage: vyrix-demo"));
     Outcome demo = Run(VYRIX_DEMO, "");
     EXPECT_EQ(demo.status, 0) << demo.out;
-    EXPECT_NE(demo.out.find("0 problems"), std::string::npos) << demo.out;
-    EXPECT_NE(demo.out.find("refused as expected: eVYRIX_INVALID_ARGUMENT"), std::string::npos);
+    EXPECT_TRUE(vt::Contains(demo.out, "0 problems")) << demo.out;
+    EXPECT_TRUE(vt::Contains(demo.out, "refused as expected: eVYRIX_INVALID_ARGUMENT"));
     EXPECT_EQ((demo.out + demo.err).find_first_of("\033\r"), std::string::npos);
 }
 

@@ -11,15 +11,15 @@
 #include <set>
 #include <thread>
 
-#include "DeviceSimulator.h"
+#include "ApiLink.h"
 #include "LLC_CommHandler.h"
 #include "LLC_UsbPort.h"
-#include "TestSupport.h"
-#include "Vyrix_Api.h"
 #include "usb/UsbEmulator.h"
 
 namespace {
 
+using vt::Contains;
+using vt::Log;
 using vt::UsbDeviceSpec;
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 vt::UsbEmulator* g_usb = nullptr;
@@ -32,24 +32,24 @@ UsbDeviceSpec Vyrix(int address, const std::string& serial = "AB12") {
     return s;
 }
 
+// A setup with one field changed.
+template <typename T>
+UsbDeviceSpec With(T UsbDeviceSpec::*field, T value, UsbDeviceSpec spec) {
+    spec.*field = value;
+    return spec;
+}
+
 std::string UsbLock(int bus, int address) {
     char name[64];
     snprintf(name, sizeof name, "/vyrix_llc_usb_%03d_%03d.lock", bus, address);
     return vt::RuntimeDir() + name;
 }
 
-class Usb : public ::testing::Test {
-protected:
-    void SetUp() override { LogStart(); }
-    void TearDown() override { LogEnd(); }
-    std::string Log() { return vt::ReadFile(vt::LogPath()); }
-};
+class Usb : public vt::Logged {};
 
 TEST_F(Usb, EnumeratesWithSerialNumbers) {
     g_usb->Add(Vyrix(2, "AB12"));
-    UsbDeviceSpec other = Vyrix(3, "ZZ99");
-    other.vendor = 0x1234;  // someone else's device
-    g_usb->Add(other);
+    g_usb->Add(With(&UsbDeviceSpec::vendor, uint16_t{0x1234}, Vyrix(3, "ZZ99")));  // someone else's device
     g_usb->Add(Vyrix(4, "CD34"));
     CUsbPort port;
     Vyrix_EnumerateUSBInfo found[4];
@@ -62,7 +62,7 @@ TEST_F(Usb, EnumeratesWithSerialNumbers) {
     std::set<std::string> serials = {found[0].serialNumber, found[1].serialNumber};
     EXPECT_EQ(serials, (std::set<std::string>{"AB12", "CD34"}));
     EXPECT_EQ(static_cast<unsigned char>(found[2].serialNumber[0]), 0x5A);
-    EXPECT_NE(Log().find("<INFO> GetSerialNumberString:Serial Number is: AB12\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<INFO> GetSerialNumberString:Serial Number is: AB12\n"));
 
     CUsbPort limited;
     ASSERT_EQ(limited.EnumerateDevices(1, &count, found), kOk);
@@ -78,10 +78,8 @@ TEST_F(Usb, EnumerationEdgeCases) {
     unsigned count = 7;
     EXPECT_EQ(none.EnumerateDevices(2, &count, found), 0x16000000u);
     EXPECT_EQ(count, 0u);
-    EXPECT_NE(Log().find("<INFO> EnumerateDevices: No Devices Found.\n"), std::string::npos);
-    UsbDeviceSpec mute = Vyrix(2);
-    mute.serialReadable = false;
-    g_usb->Add(mute);
+    EXPECT_TRUE(Contains(Log(), "<INFO> EnumerateDevices: No Devices Found.\n"));
+    g_usb->Add(With(&UsbDeviceSpec::serialReadable, false, Vyrix(2)));
     testing::internal::CaptureStdout();
     CUsbPort port;
     ASSERT_EQ(port.EnumerateDevices(2, &count, found), kOk);
@@ -118,7 +116,7 @@ TEST_F(Usb, OpenTakesTheFirstFreeMatchingDevice) {
     EXPECT_STREQ(second.LockFileName(), UsbLock(1, secondAddress).c_str());
     EXPECT_EQ(third.OpenPort(), 0x16000000u);
     EXPECT_EQ(first.OpenPort(), 0x18000000u);
-    EXPECT_NE(Log().find("<ERROR> CreateLockFile: Lockfile create failed.-1\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<ERROR> CreateLockFile: Lockfile create failed.-1\n"));
     EXPECT_EQ(first.ClosePort(), kOk);
     EXPECT_FALSE(vt::FileExists(UsbLock(1, firstAddress)));
     EXPECT_EQ(third.OpenPort(), kOk);  // free again
@@ -137,8 +135,7 @@ TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
     EXPECT_TRUE(vt::FileExists(UsbLock(1, 2)));  // not ours to remove
     close(held);
     EXPECT_EQ(port.OpenPort(), kOk) << Log();
-    EXPECT_NE(Log().find("<INFO> CreateLockFile: Stale lock file " + UsbLock(1, 2) + " taken over.\n"),
-              std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<INFO> CreateLockFile: Stale lock file " + UsbLock(1, 2) + " taken over.\n"));
     EXPECT_EQ(port.ClosePort(), kOk);
     EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
 }
@@ -146,28 +143,22 @@ TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
 TEST_F(Usb, NoDeviceOrWrongIdentity) {
     CUsbPort empty;
     EXPECT_EQ(empty.OpenPort(), 0x16000000u);
-    UsbDeviceSpec stranger = Vyrix(2);
-    stranger.product = 5;
-    g_usb->Add(stranger);
+    g_usb->Add(With(&UsbDeviceSpec::product, uint16_t{5}, Vyrix(2)));
     CUsbPort port;
     EXPECT_EQ(port.OpenPort(), 0x16000000u);
-    EXPECT_NE(Log().find("<INFO> OpenPort: No Devices Found.\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<INFO> OpenPort: No Devices Found.\n"));
 }
 
 TEST_F(Usb, ConfigurationWithoutInterfacesOrOutEndpoint) {
-    UsbDeviceSpec bare = Vyrix(2);
-    bare.interfaces = false;
-    g_usb->Add(bare);
+    g_usb->Add(With(&UsbDeviceSpec::interfaces, false, Vyrix(2)));
     CUsbPort port;
     EXPECT_EQ(port.OpenPort(), 0x16000000u);
     EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
 }
 
 TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
-    UsbDeviceSpec inOnly = Vyrix(3, "INONLY");
-    inOnly.outEndpoint = false;
     g_usb->Add(Vyrix(2, "GOOD"));
-    g_usb->Add(inOnly);
+    g_usb->Add(With(&UsbDeviceSpec::outEndpoint, false, Vyrix(3, "INONLY")));
     ASSERT_EQ(ListOrder(), (std::vector<std::string>{"INONLY", "GOOD"})) << "this test needs the in-only device first";
     CUsbPort port;
     EXPECT_EQ(port.OpenPort(), 0x16000000u);  // the good one behind it is not tried
@@ -175,10 +166,8 @@ TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
 }
 
 TEST_F(Usb, KernelDriverIsDetachedAndTheOutEndpointFound) {
-    UsbDeviceSpec setup = Vyrix(2);
-    setup.kernelDriver = true;
-    setup.outAddress = 0x02;
-    auto& dev = g_usb->Add(setup);
+    auto& dev =
+        g_usb->Add(With(&UsbDeviceSpec::outAddress, uint8_t{2}, With(&UsbDeviceSpec::kernelDriver, true, Vyrix(2))));
     CUsbPort port;
     ASSERT_EQ(port.OpenPort(), kOk) << Log();
     EXPECT_TRUE(dev.DriverDetached());
@@ -187,7 +176,7 @@ TEST_F(Usb, KernelDriverIsDetachedAndTheOutEndpointFound) {
     uint8_t byte = 7;
     ASSERT_EQ(port.WritePort(&byte, 1), kOk);
     EXPECT_EQ(dev.OutEndpoints(), std::vector<uint8_t>{0x02});
-    EXPECT_NE(Log().find("<INFO> OpenPort: OUT EP addr : 0x2\n"), std::string::npos);
+    EXPECT_TRUE(Contains(Log(), "<INFO> OpenPort: OUT EP addr : 0x2\n"));
 }
 
 TEST_F(Usb, PacketsGoOutIn64ByteTransfers) {
@@ -275,14 +264,8 @@ TEST_F(Usb, EachHandleReachesItsOwnDevice) {
     void* usb = nullptr;
     void* uart = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    Vyrix_ConnectionInfoS info{};
-    info.connectionType = eVYRIX_CONNECTION_USB;
-    info.usbInfo = Vyrix_USBInfoS{4, "AB12"};
-    ASSERT_EQ(Vyrix_OpenConnection(library, &usb, info), 0u);
-    Vyrix_ConnectionInfoS line{};
-    line.connectionType = eVYRIX_CONNECTION_UART;
-    line.uartInfo = Vyrix_UartInfoS{serial->SlavePath().c_str(), 57600, 0, 1};
-    ASSERT_EQ(Vyrix_OpenConnection(library, &uart, line), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &usb, vt::UsbRecord("AB12")), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &uart, vt::UartRecord(serial->SlavePath().c_str())), 0u);
 
     EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);
     uint8_t b = 0;
@@ -306,36 +289,27 @@ TEST_F(Usb, EachHandleReachesItsOwnDevice) {
 // serial number, whatever their order on the bus.
 TEST_F(Usb, TwoDevicesBySerialNumber) {
     LogEnd();
-    vt::UsbDeviceSpec first = Vyrix(2), second = Vyrix(3);
-    first.serial = "AB12";
-    second.serial = "CD34";
-    vyrix::sim::DeviceSimulator simA(g_usb->Add(first).TakeStream());
-    vyrix::sim::DeviceSimulator simB(g_usb->Add(second).TakeStream());
+    vyrix::sim::DeviceSimulator simA(g_usb->Add(Vyrix(2, "AB12")).TakeStream());
+    vyrix::sim::DeviceSimulator simB(g_usb->Add(Vyrix(3, "CD34")).TakeStream());
     void* library = nullptr;
     void* b = nullptr;
     void* a = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    Vyrix_ConnectionInfoS info{};
-    info.connectionType = eVYRIX_CONNECTION_USB;
-    info.usbInfo = Vyrix_USBInfoS{4, "CD34"};
-    ASSERT_EQ(Vyrix_OpenConnection(library, &b, info), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &b, vt::UsbRecord("CD34")), 0u);
     EXPECT_TRUE(vt::FileExists(UsbLock(1, 3)));
-    info.usbInfo.pSerialNumber = "AB12";
-    ASSERT_EQ(Vyrix_OpenConnection(library, &a, info), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &a, vt::UsbRecord("AB12")), 0u);
     void* again = nullptr;
-    EXPECT_EQ(Vyrix_OpenConnection(library, &again, info), 0x18000000u);  // already open
+    EXPECT_EQ(Vyrix_OpenConnection(library, &again, vt::UsbRecord("AB12")), 0x18000000u);  // already open
     EXPECT_EQ(Vyrix_SetBrightness(a, 11, eVYRIX_STORAGE_CURRENT), 0u);
     EXPECT_EQ(Vyrix_SetBrightness(b, 22, eVYRIX_STORAGE_CURRENT), 0u);
     uint8_t value = 0;
+    uint8_t other = 0;
     EXPECT_EQ(Vyrix_GetBrightness(a, &value, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(value, 11);
-    EXPECT_EQ(Vyrix_GetBrightness(b, &value, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(value, 22);
-    EXPECT_EQ(simA.ReceivedCount(), 2u);
-    EXPECT_EQ(simB.ReceivedCount(), 2u);
+    EXPECT_EQ(Vyrix_GetBrightness(b, &other, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(std::make_tuple(value, other, simA.ReceivedCount(), simB.ReceivedCount()),
+              std::make_tuple(11, 22, 2u, 2u));
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
-    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)));
-    EXPECT_FALSE(vt::FileExists(UsbLock(1, 3)));
+    EXPECT_FALSE(vt::FileExists(UsbLock(1, 2)) || vt::FileExists(UsbLock(1, 3)));
 }
 
 // Faults over USB: the device unplugged in the middle of a command, of a
@@ -363,49 +337,31 @@ protected:
         names = vt::ThreadNames();
         return KtOpenUsbPort();
     }
-    Vyrix_ReturnStatus Send() {
-        KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(command.size()), command.data()};
-        return KtSendMsg(msg);
-    }
     int threads = 0;
     std::string names;
     vt::UsbEmulator::Device* dev = nullptr;
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
-    std::vector<uint8_t> command = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
 };
 
 TEST_F(UsbFaults, UnpluggedInTheMiddleOfACommand) {
-    vyrix::sim::Faults quiet;
-    quiet.silent = true;
-    sim->SetFaults(quiet);
+    sim->SetFaults(vt::Quiet());
     ASSERT_EQ(Open(), 0u);
-    ASSERT_EQ(Send(), 0u);
+    ASSERT_EQ(vt::Send(), 0u);
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(2)));
     dev->Unplug();
-    std::vector<uint8_t> reply(4096);
-    KtXlnkMsgS in{};
-    in.pPayload = reply.data();
     vt::Stopwatch watch;
-    EXPECT_EQ(KtRemoveMsg(&in, 7500), 0x16000000u);  // at once, not after 750 s
+    EXPECT_EQ(vt::Take(7500), 0x16000000u);  // at once, not after 750 s
     EXPECT_LT(watch.Ms(), 3000);
-    EXPECT_EQ(KtCheckUsbPort(), 0x01000000u);
-    EXPECT_EQ(Send(), 0x16000000u);
+    EXPECT_EQ(std::make_tuple(KtCheckUsbPort(), vt::Send()), std::make_tuple(0x01000000u, 0x16000000u));
     ExpectClosedCleanly();
 }
 
 // The cable goes while the handler waits for the reply to a resend.
 TEST_F(UsbFaults, UnpluggedInTheMiddleOfAResendSequence) {
-    vyrix::sim::Faults resend;
-    resend.resendRequests = 100;
-    sim->SetFaults(resend);
+    sim->SetFaults(vt::With(&vt::Faults::resendRequests, 100));
     ASSERT_EQ(Open(), 0u);
-    ASSERT_EQ(Send(), 0u);
-    auto taking = std::async(std::launch::async, [] {
-        std::vector<uint8_t> reply(4096);
-        KtXlnkMsgS in{};
-        in.pPayload = reply.data();
-        return KtRemoveMsg(&in, 7500);
-    });
+    ASSERT_EQ(vt::Send(), 0u);
+    auto taking = std::async(std::launch::async, [] { return vt::Take(7500); });
     ASSERT_TRUE(sim->WaitForPackets(3, std::chrono::seconds(5)));  // resending
     dev->Unplug();
     vt::Stopwatch watch;
@@ -418,10 +374,7 @@ TEST_F(UsbFaults, UnpluggedInTheMiddleOfAFirmwareUpgrade) {
     void* library = nullptr;
     void* conn = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    Vyrix_ConnectionInfoS info{};
-    info.connectionType = eVYRIX_CONNECTION_USB;
-    info.usbInfo = Vyrix_USBInfoS{4, "AB12"};
-    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, vt::UsbRecord("AB12")), 0u);
     std::vector<uint8_t> chunk(4000, 0x77);
     for (uint32_t i = 0; i < 3; ++i) ASSERT_EQ(Vyrix_UpgradeSoftware(conn, i, 4000, 40000, chunk.data()), 0u);
     dev->Unplug();
