@@ -28,8 +28,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-int vyrix_fake_bluez_marker = 1;
-
 /* What the library asked for, for the tests to check. */
 int vyrix_fake_last_inquiry_length = -1;
 int vyrix_fake_last_inquiry_max = -1;
@@ -40,37 +38,43 @@ int vyrix_fake_rfcomm_cloexec = 0; /* the last RFCOMM socket asked for SOCK_CLOE
 #define MAX_FD 4096
 static unsigned char rfcomm_fd[MAX_FD];
 
-static int Choice(const char* name) {
+/* The test's file `name`, opened for reading, or NULL. */
+static FILE* Chosen(const char* name) {
     const char* dir = getenv("VYRIX_FAKE_BT_DIR");
     char path[256];
-    if (dir == NULL) return 0;
-    snprintf(path, sizeof path, "%s/%s", dir, name);
-    return access(path, F_OK) == 0;
+    snprintf(path, sizeof path, "%s/%s", dir ? dir : "/nonexistent", name);
+    return fopen(path, "re");
 }
 
-static FILE* InquiryFile(void) {
-    const char* dir = getenv("VYRIX_FAKE_BT_DIR");
-    char path[256];
-    if (dir == NULL) return NULL;
-    snprintf(path, sizeof path, "%s/inquiry", dir);
-    return fopen(path, "re");
+static int Choice(const char* name) {
+    FILE* f = Chosen(name);
+    if (f != NULL) fclose(f);
+    return f != NULL;
 }
 
 int hci_get_route(bdaddr_t* bdaddr) {
     (void)bdaddr;
-    if (!Choice("adapter")) {
-        errno = ENODEV;
-        return -1;
-    }
-    return 0;
+    if (Choice("adapter")) return 0;
+    errno = ENODEV;
+    return -1;
 }
 
 int hci_open_dev(int dev_id) {
-    if (dev_id < 0 || !Choice("adapter") || Choice("radio-fails")) {
-        errno = ENODEV;
-        return -1;
-    }
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (dev_id >= 0 && Choice("adapter") && !Choice("radio-fails")) return open("/dev/null", O_RDONLY | O_CLOEXEC);
+    errno = ENODEV;
+    return -1;
+}
+
+/* Device `i` of the inquiry file: its address and name ("" when none). */
+static int Device(int i, char address[32], char name[256]) {
+    FILE* f = Chosen("inquiry");
+    char line[512];
+    int used = 0, found = 0;
+    while (f != NULL && !found && fgets(line, sizeof line, f) != NULL)
+        found = sscanf(line, "%31s %n", address, &used) >= 1 && i-- == 0;
+    if (found) snprintf(name, 256, "%.*s", (int)strcspn(line + used, "\n"), line + used);
+    if (f != NULL) fclose(f);
+    return found;
 }
 
 int hci_inquiry(int dev_id, int len, int num_rsp, const uint8_t* lap, inquiry_info** ii, long flags) {
@@ -79,48 +83,30 @@ int hci_inquiry(int dev_id, int len, int num_rsp, const uint8_t* lap, inquiry_in
     vyrix_fake_last_inquiry_length = len;
     vyrix_fake_last_inquiry_max = num_rsp;
     vyrix_fake_last_inquiry_flags = flags;
-    if (Choice("inquiry-fails")) {
-        errno = EIO;
-        return -1;
-    }
+    if (Choice("inquiry-fails")) return (errno = EIO, -1);
     if (*ii == NULL) *ii = calloc((size_t)num_rsp, sizeof(inquiry_info));
-    FILE* f = InquiryFile();
+    char address[32], name[256];
     int n = 0;
-    char line[512];
-    while (f != NULL && n < num_rsp && fgets(line, sizeof line, f) != NULL) {
-        char address[32] = {0};
-        if (sscanf(line, "%31s", address) != 1) continue;
+    for (; n < num_rsp && Device(n, address, name); ++n) {
         memset(&(*ii)[n], 0, sizeof(inquiry_info));
         str2ba(address, &(*ii)[n].bdaddr);
-        ++n;
     }
-    if (f != NULL) fclose(f);
     return n;
 }
 
 int hci_read_remote_name(int sock, const bdaddr_t* ba, int len, char* name, int timeout) {
     (void)sock;
     (void)timeout;
-    char wanted[32];
+    char wanted[32], address[32], text[256];
     ba2str(ba, wanted);
-    FILE* f = InquiryFile();
-    char line[512];
-    int found = -1;
-    while (f != NULL && fgets(line, sizeof line, f) != NULL) {
-        char address[32] = {0};
-        int used = 0;
-        if (sscanf(line, "%31s %n", address, &used) < 1 || strcasecmp(address, wanted) != 0) continue;
-        char* text = line + used;
-        text[strcspn(text, "\n")] = '\0';
-        if (*text == '\0') break; /* no name: the request fails */
-        /* As BlueZ does: the whole buffer is written. */
-        strncpy(name, text, (size_t)len);
-        found = 0;
-        break;
+    for (int i = 0; Device(i, address, text); ++i) {
+        if (strcasecmp(address, wanted) != 0) continue;
+        if (*text == '\0') break;         /* no name: the request fails */
+        strncpy(name, text, (size_t)len); /* as BlueZ does: the whole buffer is written */
+        return 0;
     }
-    if (f != NULL) fclose(f);
-    if (found != 0) errno = EIO;
-    return found;
+    errno = EIO;
+    return -1;
 }
 
 int socket(int domain, int type, int protocol) {
@@ -132,10 +118,7 @@ int socket(int domain, int type, int protocol) {
         return other;
     }
     vyrix_fake_rfcomm_cloexec = (type & SOCK_CLOEXEC) != 0;
-    if (Choice("socket-fails")) {
-        errno = EAFNOSUPPORT;
-        return -1;
-    }
+    if (Choice("socket-fails")) return (errno = EAFNOSUPPORT, -1);
     int fd = real(AF_UNIX, SOCK_STREAM | (type & SOCK_CLOEXEC), 0);
     if (fd >= 0 && fd < MAX_FD) rfcomm_fd[fd] = 1;
     return fd;

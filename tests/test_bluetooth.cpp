@@ -1,7 +1,5 @@
 // The Bluetooth port through the real socket calls, with the adapter and the
 // RFCOMM connection played by the fake linked into this program.
-#include <dlfcn.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -28,8 +26,6 @@ extern long vyrix_fake_last_inquiry_flags;
 extern int vyrix_fake_timeouts_set;
 extern int vyrix_fake_rfcomm_cloexec;
 }
-extern CCommHandler* g_pBTHCommHandler;
-extern CCommHandler* g_pSerialCommHandler;
 
 namespace {
 
@@ -39,45 +35,13 @@ using vt::Log;
 const Bytes kInfo = {0x2A, 0x2A, 0x01, 0x27};
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 const std::string kAddress = "00:11:22:33:44:55";
-
-// A Bluetooth port opened as the handler opens one: configured with the
-// address and key, then opened.  Opening it again while it is open asks the
-// same port (which refuses); otherwise a port with the new settings is made.
-class BtPort {
-public:
-    Vyrix_ReturnStatus OpenPort(const char* address, const char* key) {
-        if (!open_) port_.reset(new CBTPort(address, key));
-        Vyrix_ReturnStatus r = port_->OpenPort();
-        open_ = open_ || r == kOk;
-        return r;
-    }
-    Vyrix_ReturnStatus ClosePort() {
-        open_ = false;
-        return port_->ClosePort();
-    }
-    Vyrix_ReturnStatus ReadPort(unsigned char* in, int* n, const CDeadline& deadline = CDeadline::After(5000)) {
-        return port_->ReadPort(in, n, deadline);
-    }
-    Vyrix_ReturnStatus WritePort(const unsigned char* out, unsigned short length) {
-        return port_->WritePort(out, length);
-    }
-    Vyrix_ReturnStatus EnumerateDevices(unsigned count, unsigned* found, void* info) {
-        return port_->EnumerateDevices(count, found, info);
-    }
-    const char* LockFileName() const { return port_->LockFileName(); }
-
-private:
-    std::unique_ptr<CBTPort> port_ = std::make_unique<CBTPort>();
-    bool open_ = false;
-};
+const char* const kAddr = kAddress.c_str();
 
 std::string Dir() { return getenv("VYRIX_FAKE_BT_DIR"); }
 void Choose(const std::string& name, bool on) {
     const std::string path = Dir() + "/" + name;
-    if (on)
-        std::ofstream(path).put('\n');
-    else
-        unlink(path.c_str());
+    if (on) std::ofstream(path).put('\n');
+    if (!on) unlink(path.c_str());
 }
 std::string LockName(const std::string& address) { return vt::RuntimeDir() + "/vyrix_llc_bth_" + address + ".lock"; }
 
@@ -85,22 +49,18 @@ std::string LockName(const std::string& address) { return vt::RuntimeDir() + "/v
 // connection and hands it to a simulator, or keeps it raw.
 class FakeDevice {
 public:
-    explicit FakeDevice(const std::string& address, bool simulate = true) : simulate_(simulate) {
-        path_ = Dir() + "/" + address + "_1";
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    explicit FakeDevice(const std::string& address, bool simulate = true) : path_(Dir() + "/" + address + "_1") {
         sockaddr_un un{};
         un.sun_family = AF_UNIX;
         snprintf(un.sun_path, sizeof un.sun_path, "%s", path_.c_str());
         unlink(path_.c_str());
         EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&un), sizeof un), 0);
         EXPECT_EQ(listen(listener_, 4), 0);
-        acceptor_ = std::thread([this] {
+        acceptor_ = std::thread([this, simulate] {
             int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) return;
-            if (simulate_)
-                sim_ = std::make_unique<vyrix::sim::DeviceSimulator>(fd);
-            else
-                raw_ = fd;
+            if (simulate) sim_ = std::make_unique<vyrix::sim::DeviceSimulator>(fd);
+            raw_ = simulate ? -1 : fd;
             connected_.set_value();
         });
     }
@@ -119,10 +79,8 @@ public:
     int Raw() const { return raw_; }
 
 private:
-    bool simulate_;
     std::string path_;
-    int listener_ = -1;
-    int raw_ = -1;
+    int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), raw_ = -1;
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim_;
     std::promise<void> connected_;
     std::thread acceptor_;
@@ -141,72 +99,53 @@ protected:
     }
 };
 
-TEST(BluetoothFake, IsLinkedIn) {
-    EXPECT_NE(dlsym(RTLD_DEFAULT, "vyrix_fake_bluez_marker"), nullptr)
-        << "the adapter fake is not linked in: this program would test the real stack";
-}
-
 TEST_F(Bluetooth, NoAdapterMeansBluetoothDisabled) {
     Choose("adapter", false);
-    BtPort port;
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0000"), 0x19000000u);
+    CBTPort port(kAddr, "0000");
+    EXPECT_EQ(port.OpenPort(), 0x19000000u);
     unsigned count = 99;
     Vyrix_BTHDiscoveryInfo found[2];
     EXPECT_EQ(port.EnumerateDevices(2, &count, found), 0x19000000u);
     EXPECT_EQ(count, 99u);
     Choose("adapter", true);
     Choose("radio-fails", true);
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0000"), 0x19000000u);
+    EXPECT_EQ(port.OpenPort(), 0x19000000u);
     EXPECT_TRUE(Contains(Log(), "<ERROR> OpenPort:No bluetooth Support in Host mechine\n"));
     EXPECT_TRUE(Contains(Log(), "<INFO> EnumerateDevices:Host device doesnt have bluetooth support.\n"));
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
 }
 
-TEST_F(Bluetooth, ArgumentChecks) {
-    BtPort port;
-    EXPECT_EQ(port.OpenPort(nullptr, "0000"), 0x05000000u);
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), nullptr), 0x05000000u);
-    EXPECT_EQ(port.OpenPort(std::string(25, 'A').c_str(), ""), 0x05000000u);
-    EXPECT_FALSE(vt::FileExists(LockName(std::string(25, 'A'))));
-    FakeDevice device(kAddress, false);
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), ""), kOk);  // an empty pass key is accepted
-}
-
 TEST_F(Bluetooth, OpenTalkAndClose) {
     FakeDevice device(kAddress, false);
-    BtPort port;
+    CBTPort port(kAddr, "");  // an empty pass key is accepted
     vyrix_fake_timeouts_set = 0;
-    ASSERT_EQ(port.OpenPort(kAddress.c_str(), "1234"), kOk);
+    ASSERT_EQ(port.OpenPort(), kOk);
     ASSERT_TRUE(device.WaitConnected());
     EXPECT_EQ(vyrix_fake_timeouts_set, 2);  // receive and send time-outs, 2 s each
     EXPECT_EQ(vyrix_fake_rfcomm_cloexec, 1);
     EXPECT_TRUE(vt::FileExists(LockName(kAddress)));
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "1234"), 0x18000000u);
+    EXPECT_EQ(port.OpenPort(), 0x18000000u);
 
-    Bytes out = {1, 2, 3, 0xC0, 0xFF};
-    ASSERT_EQ(port.WritePort(out.data(), static_cast<unsigned short>(out.size())), kOk);
-    Bytes got(8);
+    Bytes out = {1, 2, 3, 0xC0, 0xFF}, got(8), in(4101);
+    ASSERT_EQ(port.WritePort(out.data(), 5), kOk);
     ASSERT_EQ(read(device.Raw(), got.data(), got.size()), 5);
     got.resize(5);
     EXPECT_EQ(got, out);
     ASSERT_EQ(write(device.Raw(), "\x07\x08", 2), 2);
-    Bytes in(4101);
     int n = 0;
-    ASSERT_EQ(port.ReadPort(in.data(), &n), kOk);
-    EXPECT_EQ(n, 2);
-    EXPECT_EQ(in[1], 8);
+    ASSERT_EQ(port.ReadPort(in.data(), &n, CDeadline::After(5000)), kOk);
+    EXPECT_EQ(std::make_tuple(n, in[1]), std::make_tuple(2, 8));
 
     vt::Stopwatch watch;
     EXPECT_EQ(port.ReadPort(in.data(), &n, CDeadline::After(100)), 0x07000000u);  // nothing in time
     EXPECT_GE(watch.Ms(), 95);
-    // The device ends the stream: gone, at once.
-    shutdown(device.Raw(), SHUT_WR);
+    shutdown(device.Raw(), SHUT_WR);  // the device ends the stream: gone, at once
     EXPECT_EQ(port.ReadPort(in.data(), &n, CDeadline::Never()), 0x16000000u);
     EXPECT_TRUE(Contains(Log(), "<ERROR> ReadPort :  Returns 1\n.\n"));
 
     EXPECT_EQ(port.ClosePort(), kOk);
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
-    EXPECT_EQ(port.ReadPort(in.data(), &n), 0x16000000u);
+    EXPECT_EQ(port.ReadPort(in.data(), &n, CDeadline::After(5000)), 0x16000000u);
     testing::internal::CaptureStdout();
     EXPECT_EQ(port.WritePort(out.data(), 1), 0x16000000u);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Not connected\n");
@@ -214,38 +153,35 @@ TEST_F(Bluetooth, OpenTalkAndClose) {
 
 TEST_F(Bluetooth, DeviceSwitchedOffOrNoSocket) {
     {
-        BtPort port;
-        EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0"), 0x01000000u);
+        CBTPort port(kAddr, "0");
+        EXPECT_EQ(port.OpenPort(), 0x01000000u);
         EXPECT_TRUE(Contains(Log(), "<ERROR> OpenPort LLC_BTPort Open failure -1\n"));
     }
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));  // gone with the port
     Choose("socket-fails", true);
-    BtPort port;
-    EXPECT_EQ(port.OpenPort(kAddress.c_str(), "0"), 0x01000000u);
+    CBTPort port(kAddr, "0");
+    EXPECT_EQ(port.OpenPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists(LockName(kAddress)));  // removed at once
 }
 
 TEST_F(Bluetooth, LockFilesPerAddressText) {
-    FakeDevice device(kAddress, false);
-    BtPort first;
-    ASSERT_EQ(first.OpenPort(kAddress.c_str(), "0"), kOk);
-    BtPort second;
-    EXPECT_EQ(second.OpenPort(kAddress.c_str(), "0"), 0x16000000u);
+    FakeDevice device(kAddress, false), other("AA:BB:CC:DD:EE:FF", false);
+    CBTPort first(kAddr, "0"), second(kAddr, "0");
+    ASSERT_EQ(first.OpenPort(), kOk);
+    EXPECT_EQ(second.OpenPort(), 0x16000000u);
     EXPECT_TRUE(Contains(Log(), "<RROR> CreateLockFile: Lockfile create failed.-1\n"));
     EXPECT_TRUE(vt::FileExists(LockName(kAddress)));  // the holder keeps it
     // One device whatever the case of its address: the name is upper case.
-    FakeDevice other("AA:BB:CC:DD:EE:FF", false);
-    BtPort a, b;
-    ASSERT_EQ(a.OpenPort("aa:bb:cc:dd:ee:ff", "0"), kOk);
+    CBTPort a("aa:bb:cc:dd:ee:ff", "0"), b("AA:BB:CC:DD:EE:FF", "0");
+    ASSERT_EQ(a.OpenPort(), kOk);
     EXPECT_EQ(a.LockFileName(), LockName("AA:BB:CC:DD:EE:FF"));
-    EXPECT_EQ(b.OpenPort("AA:BB:CC:DD:EE:FF", "0"), 0x16000000u);
+    EXPECT_EQ(b.OpenPort(), 0x16000000u);
 }
 
 TEST_F(Bluetooth, Enumeration) {
-    std::ofstream(Dir() + "/inquiry") << "00:11:22:33:44:55 Projector One\n"
-                                      << "AA:BB:CC:DD:EE:01\n"
-                                      << "AA:BB:CC:DD:EE:02 Phone\n";
-    BtPort port;
+    std::ofstream(Dir() + "/inquiry")
+        << "00:11:22:33:44:55 Projector One\nAA:BB:CC:DD:EE:01\nAA:BB:CC:DD:EE:02 Phone\n";
+    CBTPort port;
     Vyrix_BTHDiscoveryInfo found[4];
     memset(found, 0x5A, sizeof found);
     unsigned count = 0;
@@ -277,7 +213,6 @@ protected:
     void SetUp() override {
         Bluetooth::SetUp();
         LogEnd();  // the ports start their own log
-        device = std::make_unique<FakeDevice>(kAddress);
     }
     void TearDown() override {
         KtCloseBTHSocket();
@@ -285,23 +220,23 @@ protected:
         device.reset();
         Bluetooth::TearDown();
     }
-    std::unique_ptr<FakeDevice> device;
+    std::unique_ptr<FakeDevice> device = std::make_unique<FakeDevice>(kAddress);
 };
 
 TEST_F(BluetoothLink, CommandsTravelOverRfcomm) {
     void* library = nullptr;
     void* conn = nullptr;
+    void* again = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    const Vyrix_ConnectionInfoS info = vt::BthRecord(kAddress.c_str());
+    const Vyrix_ConnectionInfoS info = vt::BthRecord(kAddr);
     ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);
     ASSERT_TRUE(device->WaitConnected());
     EXPECT_EQ(Vyrix_SetBrightness(conn, 42, eVYRIX_STORAGE_CURRENT), 0u);
     uint8_t b = 0;
     EXPECT_EQ(Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT), 0u);
     EXPECT_EQ(b, 42);
-    void* again = nullptr;
     EXPECT_EQ(Vyrix_OpenConnection(library, &again, info), 0x18000000u);
-    EXPECT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0x18000000u);  // and the first still works
+    EXPECT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0x18000000u);  // and the first still works
     EXPECT_EQ(Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT), 0u);
     unsigned count = 0;
     Vyrix_BTHDiscoveryInfo found[1];
@@ -317,7 +252,7 @@ TEST_F(BluetoothLink, CommandsTravelOverRfcomm) {
 
 TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
     auto serial = vyrix::sim::DeviceSimulator::OverPty();
-    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0u);
     ASSERT_TRUE(device->WaitConnected());
     ASSERT_EQ(KtOpenSerialPortByName(serial->SlavePath().c_str(), 57600), 0u);
     ASSERT_EQ(vt::Send(kInfo), 0u);
@@ -337,7 +272,7 @@ TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
 TEST_F(BluetoothLink, DeviceClosingTheLinkMidCommandEndsNothingBadly) {
     device.reset();
     FakeDevice raw(kAddress, false);
-    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0u);
     ASSERT_TRUE(raw.WaitConnected());
     ASSERT_EQ(vt::Send(kInfo), 0u);
     shutdown(raw.Raw(), SHUT_RDWR);  // the device goes away before it answers
@@ -353,7 +288,7 @@ TEST_F(BluetoothLink, DeviceClosingTheLinkMidCommandEndsNothingBadly) {
 
 // A second process opening the same address is refused by the lock file.
 TEST_F(BluetoothLink, SecondProcessIsRefusedByTheLockFile) {
-    ASSERT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0u);
+    ASSERT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0u);
     ASSERT_TRUE(device->WaitConnected());
     const std::string command = "VYRIX_BT_SECOND_PROCESS=1 /proc/" + std::to_string(getpid()) +
                                 "/exe --gtest_filter=BluetoothSecondProcess.* > /dev/null 2>&1";
@@ -366,7 +301,7 @@ TEST_F(BluetoothLink, SecondProcessIsRefusedByTheLockFile) {
 // The second process's side of the test above.
 TEST(BluetoothSecondProcess, OpeningTheSameAddress) {
     if (getenv("VYRIX_BT_SECOND_PROCESS") == nullptr) GTEST_SKIP() << "runs as the second process only";
-    EXPECT_EQ(KtOpenBTHSocket(kAddress.c_str(), "0000"), 0x16000000u);
+    EXPECT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0x16000000u);
 }
 
 }  // namespace
@@ -375,16 +310,12 @@ int main(int argc, char** argv) {
     // The fake's choices live in a short directory of this process's own,
     // made before any thread starts (socket paths hold 108 bytes).
     // A second process of a test shares the first one's directory.
-    if (getenv("VYRIX_BT_SECOND_PROCESS") != nullptr) {
-        ::testing::InitGoogleTest(&argc, argv);
-        return RUN_ALL_TESTS();
-    }
     char dir[] = "/tmp/vbt.XXXXXX";
-    if (mkdtemp(dir) == nullptr) return 1;
-    setenv("VYRIX_FAKE_BT_DIR", dir, 1);
+    const bool second = getenv("VYRIX_BT_SECOND_PROCESS") != nullptr;
+    if (!second && mkdtemp(dir) == nullptr) return 1;
+    if (!second) setenv("VYRIX_FAKE_BT_DIR", dir, 1);
     ::testing::InitGoogleTest(&argc, argv);
     int result = RUN_ALL_TESTS();
-    std::string cleanup = std::string("rm -rf ") + dir;
-    if (system(cleanup.c_str()) != 0) result = result ? result : 1;
+    if (!second && system((std::string("rm -rf ") + dir).c_str()) != 0) result = result ? result : 1;
     return result;
 }

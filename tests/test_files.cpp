@@ -9,17 +9,14 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-
 #include <memory>
+
 #include "LLC_BTPort.h"
 #include "LLC_SPort.h"
-
 #include "PtyPair.h"
 #include "TestSupport.h"
 
 namespace {
-
-using vt::PtyPair;
 
 // Opens `path` as a serial line into `port` (a new one each time).
 Vyrix_ReturnStatus OpenLine(std::unique_ptr<CSPort>& port, const std::string& path) {
@@ -32,26 +29,12 @@ std::string LockNameFor(const std::string& path) {
     return CSPort::LockNameFor(path.c_str(), name) ? name : "";
 }
 
-// Names in the runtime directory that begin with `prefix`.
-int FilesStartingWith(const std::string& prefix) {
-    int n = 0;
-    if (DIR* d = opendir(vt::RuntimeDir().c_str())) {
-        while (dirent* e = readdir(d))
-            if (std::string(e->d_name).rfind(prefix, 0) == 0) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-class Files : public vt::Logged {
-protected:
-    static std::string Log() { return vt::Log(); }
-};
+using Files = vt::Logged;
 
 // A process holding the line is killed: its lock file stays, but its
 // advisory lock went with it, so the next open takes the file over.
 TEST_F(Files, LockOfAKilledProcessIsTakenOver) {
-    PtyPair pty;
+    vt::PtyPair pty;
     int ready[2];
     ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
     const pid_t holder = fork();
@@ -74,10 +57,8 @@ TEST_F(Files, LockOfAKilledProcessIsTakenOver) {
     ASSERT_EQ(kill(holder, SIGKILL), 0);
     ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
     ASSERT_TRUE(vt::FileExists(pty.LockName()));  // left behind
-
-    ASSERT_EQ(OpenLine(port, pty.Path()), 0u) << Log();
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> CreateLockFile: Stale lock file " + pty.LockName() + " taken over.\n"))
-        << Log();
+    ASSERT_EQ(OpenLine(port, pty.Path()), 0u) << vt::Log();
+    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> CreateLockFile: Stale lock file " + pty.LockName() + " taken over.\n"));
     EXPECT_EQ(port->ClosePort(), 0u);
     EXPECT_FALSE(vt::FileExists(pty.LockName()));
 }
@@ -85,7 +66,7 @@ TEST_F(Files, LockOfAKilledProcessIsTakenOver) {
 // The same terminal under another name gets another lock file, but the
 // lock on the terminal itself refuses it.
 TEST_F(Files, OtherNameOfAnOpenTerminalIsRefused) {
-    PtyPair pty;
+    vt::PtyPair pty;
     const std::string link = vt::RuntimeDir() + "/vyrix_tty_link";
     ASSERT_EQ(symlink(pty.Path().c_str(), link.c_str()), 0);
     std::unique_ptr<CSPort> first, second;
@@ -104,16 +85,11 @@ TEST_F(Files, OtherNameOfAnOpenTerminalIsRefused) {
 // not written to, and leaves no lock file.
 TEST_F(Files, OnlyTerminalsAreSerialPorts) {
     const std::string path = vt::RuntimeDir() + "/not_a_terminal";
-    const struct {
-        const char* what;
-        std::function<int()> make;
-    } cases[] = {
-        {"regular file", [&] { return close(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)); }},
-        {"FIFO", [&] { return mkfifo(path.c_str(), 0600); }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        ASSERT_EQ(c.make(), 0);
+    const std::function<int()> makers[] = {
+        [&] { return close(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)); },
+        [&] { return mkfifo(path.c_str(), 0600); }};
+    for (const auto& make : makers) {
+        ASSERT_EQ(make(), 0);
         std::unique_ptr<CSPort> port;
         EXPECT_EQ(OpenLine(port, path), 0x01000000u);
         EXPECT_FALSE(vt::FileExists(LockNameFor(path)));
@@ -125,28 +101,25 @@ TEST_F(Files, OnlyTerminalsAreSerialPorts) {
     EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> OpenPort Opening '" + path + "' failed\n"));
 }
 
+// Missing or malformed addresses and keys: refused before any file, socket
+// or adapter is touched.
 TEST_F(Files, MalformedBluetoothAddressesAreRefusedFirst) {
-    const char* addresses[] = {
-        "",
-        "00:11:22:33:44",
-        "00:11:22:33:44:55:66",
-        "00:11:22:33:44:5",
-        "00-11-22-33-44-55",
-        "001122334455",
-        "0:011:22:33:44:55",
-        "00:11:22:33:44:5G",
-        "00:11:22:33:44:55 ",
-        " 00:11:22:33:44:55",
-        "../../x:11:22:33:44",
-    };
-    const int fds = vt::OpenFds();
-    for (const char* address : addresses) {
-        SCOPED_TRACE(address);
-        CBTPort port(address, "0000");
+    const std::string tooLong(25, 'A');
+    const char* cases[][2] = {{nullptr, "0000"},           {"00:11:22:33:44:55", nullptr},
+                              {tooLong.c_str(), ""},       {"", "0"},
+                              {"00:11:22:33:44", "0"},     {"00:11:22:33:44:55:66", "0"},
+                              {"00:11:22:33:44:5", "0"},   {"00-11-22-33-44-55", "0"},
+                              {"001122334455", "0"},       {"0:011:22:33:44:55", "0"},
+                              {"00:11:22:33:44:5G", "0"},  {"00:11:22:33:44:55 ", "0"},
+                              {" 00:11:22:33:44:55", "0"}, {"../../x:11:22:33:44", "0"}};
+    const int fds = vt::OpenFds(), files = vt::CountEntries(vt::RuntimeDir().c_str());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c[0] ? c[0] : "(null)");
+        CBTPort port(c[0], c[1]);
         EXPECT_EQ(port.OpenPort(), 0x05000000u);
         EXPECT_STREQ(port.LockFileName(), "");
     }
-    EXPECT_EQ(FilesStartingWith("vyrix_llc_bth"), 0);
+    EXPECT_EQ(vt::CountEntries(vt::RuntimeDir().c_str()), files);
     EXPECT_EQ(vt::OpenFds(), fds);
 }
 

@@ -16,8 +16,7 @@
 namespace vt {
 
 struct UsbDeviceSpec {
-    int bus = 1;
-    int address = 2;
+    int address = 2;  // on bus 1
     uint16_t vendor = 0;
     uint16_t product = 4;
     std::string serial = "AB12";
@@ -31,35 +30,29 @@ struct UsbDeviceSpec {
 class UsbEmulator {
 public:
     // Re-executes the program under the preload library if it is not there.
-    static void EnsurePreload(int argc, char** argv);
-
+    static void EnsurePreload(char** argv);
     UsbEmulator();
     ~UsbEmulator();
-    UsbEmulator(const UsbEmulator&) = delete;
-    UsbEmulator& operator=(const UsbEmulator&) = delete;
-
-    class Device;
-    // Adds a device; its stream end (for the simulator) is Device::TakeStream.
-    Device& Add(const UsbDeviceSpec& setup);
 
     class Device {
     public:
         virtual ~Device() = default;
         // The device side of the byte stream (taken over by the caller).
         virtual int TakeStream() = 0;
-        // Every OUT transfer seen, as sent (64 bytes each).
-        virtual std::vector<std::vector<uint8_t>> OutTransfers() const = 0;
-        // The endpoint each OUT transfer went to.
-        virtual std::vector<uint8_t> OutEndpoints() const = 0;
-        virtual bool DriverDetached() const = 0;
-        virtual bool InterfaceClaimed() const = 0;
+        struct Seen {
+            std::vector<std::vector<uint8_t>> outs;  // every OUT transfer, as sent (64 bytes each)
+            std::vector<uint8_t> endpoints;          // the endpoint each went to
+            bool detached = false, claimed = false;  // the kernel driver, interface 0
+        };
+        virtual Seen Observed() const = 0;
         // As if the cable were pulled.
         virtual void Unplug() = 0;
     };
+    Device& Add(const UsbDeviceSpec& spec);
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    void* testbed_;
+    std::vector<std::unique_ptr<Device>> devices_;
 };
 
 }  // namespace vt
