@@ -50,12 +50,6 @@ protected:
         auto got = sim->Received();
         return n < got.size() ? got[n].payload : Bytes{};
     }
-    // The parameter bytes of the last command (after the opcode).
-    Bytes LastParameters() {
-        auto got = sim->Received();
-        if (got.empty()) return {};
-        return Bytes(got.back().payload.begin() + 4, got.back().payload.end());
-    }
 
     std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
     std::string path;

@@ -21,6 +21,12 @@ using Bytes = std::vector<uint8_t>;
 
 using vyrix::sim::Faults;
 
+inline Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
 // Faults with one field set (on top of `base`).
 template <typename T>
 Faults With(T Faults::*field, T value, Faults base = {}) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <numeric>
+#include <tuple>
 
 #include "ApiLink.h"
 
@@ -34,34 +35,19 @@ protected:
     }
 };
 
-TEST(BulkCounters, ZeroBeforeAnyTransfer) {
-    unsigned short type = 9, cur = 9, max = 9;
-    GetIndexStatus(&type, &cur, &max);
-    EXPECT_EQ(type, 0);
-    EXPECT_EQ(cur, 0);
-    EXPECT_EQ(max, 0);
-}
-
 TEST_F(Bulk, ImageChunksCarryTargetPositionAndSize) {
     Bytes data = Data(100);
     ASSERT_EQ(SendImage(0x60, data), 0u);
     Bytes first = Command(0), second = Command(1);
     ASSERT_EQ(first.size(), 23u);
     ASSERT_EQ(second.size(), 115u);
-    EXPECT_EQ(first[3], 0x60);
-    EXPECT_EQ(first[4], eVYRIX_RENDER_TARGET_1);
-    EXPECT_EQ(At16(first, 5), 0x0102);
-    EXPECT_EQ(At16(first, 7), 0x0304);
-    EXPECT_EQ(At16(first, 9), 0x0506);
-    EXPECT_EQ(At16(first, 11), 0x0708);
-    EXPECT_EQ(At16(first, 13), 0);  // index
-    EXPECT_EQ(At16(first, 15), 1);  // maxIndexFlag
-    EXPECT_EQ(At16(first, 17), 4);  // bytes in this chunk
-    EXPECT_EQ(Bytes(first.begin() + 19, first.end()), Bytes(data.begin(), data.begin() + 4));
-    EXPECT_EQ(At16(second, 13), 1);
-    EXPECT_EQ(At16(second, 15), 1);
-    EXPECT_EQ(At16(second, 17), 96);
-    EXPECT_EQ(Bytes(second.begin() + 19, second.end()), Bytes(data.begin() + 4, data.end()));
+    EXPECT_EQ(std::make_tuple(first[3], first[4]), std::make_tuple(0x60, eVYRIX_RENDER_TARGET_1));
+    // x, y, width, height, index, maxIndexFlag, bytes in this chunk
+    EXPECT_EQ(
+        std::vector<uint16_t>({At16(first, 5), At16(first, 7), At16(first, 9), At16(first, 11), At16(first, 13),
+                               At16(first, 15), At16(first, 17), At16(second, 13), At16(second, 15), At16(second, 17)}),
+        std::vector<uint16_t>({0x0102, 0x0304, 0x0506, 0x0708, 0, 1, 4, 1, 1, 96}));
+    EXPECT_EQ(vt::Concat({Bytes(first.begin() + 19, first.end()), Bytes(second.begin() + 19, second.end())}), data);
     unsigned short type, cur, max;
     GetIndexStatus(&type, &cur, &max);
     EXPECT_EQ(cur, 2);
@@ -77,9 +63,7 @@ TEST_F(Bulk, OtherOpcodesHaveTheShortHeader) {
     for (size_t i = 0; i < 3; ++i) {
         Bytes chunk = Command(i);
         EXPECT_EQ(chunk.size(), 10 + lengths[i]);
-        EXPECT_EQ(At16(chunk, 4), i);
-        EXPECT_EQ(At16(chunk, 6), 2);
-        EXPECT_EQ(At16(chunk, 8), lengths[i]);
+        EXPECT_EQ(std::make_tuple(At16(chunk, 4), At16(chunk, 6), At16(chunk, 8)), std::make_tuple(i, 2, lengths[i]));
         EXPECT_EQ(Bytes(chunk.begin() + 10, chunk.end()), Bytes(data.begin() + static_cast<long>(offset),
                                                                 data.begin() + static_cast<long>(offset + lengths[i])));
         offset += lengths[i];
@@ -157,9 +141,7 @@ TEST_F(Bulk, DrawTextLengthRule) {
     ASSERT_EQ(payload.size(), 1027u);
     EXPECT_EQ(payload[3], 0x61);
     EXPECT_EQ(payload[4], 1);
-    EXPECT_EQ(At16(payload, 5), 1008);
-    EXPECT_EQ(At16(payload, 7), 10);
-    EXPECT_EQ(At16(payload, 9), 20);
+    EXPECT_EQ(std::make_tuple(At16(payload, 5), At16(payload, 7), At16(payload, 9)), std::make_tuple(1008, 10, 20));
     EXPECT_EQ(Bytes(payload.begin() + 11, payload.begin() + 19), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
     ASSERT_EQ(AlcDrawText(eVYRIX_RENDER_TARGET_1, reinterpret_cast<const unsigned char*>(text.c_str()), 10, {}, {}, {}),
               0u);
@@ -173,8 +155,7 @@ TEST_F(Bulk, TextBoxSizeFromTheReply) {
     Vyrix_RectSizeS size{};
     sim->SetResponder(Answering({0x28, 0x00, 0x10, 0x00}));
     ASSERT_EQ(AlcGetTextBoxInfo(text, 100, &size), 0u);
-    EXPECT_EQ(size.width, 40);
-    EXPECT_EQ(size.height, 16);
+    EXPECT_EQ(std::make_tuple(size.width, size.height), std::make_tuple(40, 16));
     Bytes payload = Command(0);
     EXPECT_EQ(payload, (Bytes{0x2A, 0x2A, 1, 0x62, 5, 0, 'h', 'e', 'l', 'l', 'o'}));
     Vyrix_RectSizeS untouched{7, 7};

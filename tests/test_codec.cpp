@@ -7,11 +7,12 @@
 
 #include "DeviceCodec.h"
 #include "LLC_XlnkMsgHandler.h"
-#include "TestSupport.h"
+#include "SimLink.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using vt::Bytes;
+using vt::Concat;
 
 KtXlnkMsgS HostRecord(uint8_t destination, uint8_t protocol, Bytes& payload) {
     return KtXlnkMsgS{eHOST_DEVICE, destination, 0, protocol, static_cast<WORD>(payload.size()), payload.data()};
@@ -63,10 +64,15 @@ Parsed Feed(CXlnkMsgHandler& parser, const std::vector<Bytes>& chunks) {
     return out;
 }
 
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
+// `bytes` cut into chunks of 1 (or 0) to `most` bytes at random.
+std::vector<Bytes> RandomChunks(const Bytes& bytes, std::mt19937& rng, size_t least, size_t most) {
+    std::vector<Bytes> chunks;
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t n = std::min<size_t>(least + rng() % (most - least + 1), bytes.size() - at);
+        chunks.emplace_back(bytes.begin() + at, bytes.begin() + at + n);
+        at += n;
+    }
+    return chunks;
 }
 
 class Codec : public vt::Logged {
@@ -80,21 +86,38 @@ TEST_F(Codec, EncodesTheWorkedExamples) {
     EXPECT_EQ(Encode(HostRecord(eEP_DEVICE, 1, payload), &r),
               (Bytes{0xC0, 0x00, 0x02, 0x10, 0x03, 0x10, 0x20, 0x30, 0x8B}));
     EXPECT_EQ(r, 0u);
-    Bytes big(0x123, 0x55);
+    Bytes big(0x123, 0x55), largest(4095, 0xC0);  // no escaping: 0xC0 stands in the payload as it is
     Bytes packet = Encode(HostRecord(eAP_DEVICE, 0, big));
     EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 5), (Bytes{0xC0, 0x03, 0x02, 0x01, 0x23}));
     uint8_t sum = 0;
     for (size_t i = 1; i < packet.size(); ++i) sum = static_cast<uint8_t>(sum + packet[i]);
     EXPECT_EQ(sum, 0);  // a sound packet sums to zero after the start byte
+    packet = Encode(HostRecord(0, 1, largest), &r);
+    EXPECT_EQ(r, 0u);
+    EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 5), (Bytes{0xC0, 0x00, 0x02, 0x1F, 0xFF}));
 }
 
-TEST_F(Codec, ParsesTheWorkedExample) {
-    CXlnkMsgHandler parser;
-    Parsed p = Feed(parser, {{0xC0, 0x02, 0x00, 0x10, 0x02, 0xAA, 0xBB, 0x87}});
-    ASSERT_EQ(p.records.size(), 1u);
-    const KtXlnkMsgS& r = p.records[0];
-    EXPECT_EQ(std::tie(r.deviceID, r.sourceID, r.priority, r.protocolID), std::make_tuple(2, 0, 0, 1));
-    EXPECT_EQ(p.payloads[0], (Bytes{0xAA, 0xBB}));
+// Sound packets parse into their records: the worked example, a packet
+// without payload, and a broadcast (always connection-oriented).
+TEST_F(Codec, ParsesSoundPackets) {
+    const struct {
+        Bytes packet;
+        std::tuple<int, int, int, int> record;  // destination, source, priority, protocol
+        Bytes payload;
+    } cases[] = {
+        {{0xC0, 0x02, 0x00, 0x10, 0x02, 0xAA, 0xBB, 0x87}, {2, 0, 0, 1}, {0xAA, 0xBB}},
+        {{0xC0, 0x02, 0x03, 0x10, 0x00, 0xEB}, {2, 3, 0, 1}, {}},
+        {DevicePacket(63, 0, {0x2A, 0x2A, 0}), {63, 0, 0, 1}, {0x2A, 0x2A, 0}},
+        {DevicePacket(2, 0, {1}), {2, 0, 0, 0}, {1}},
+    };
+    for (const auto& c : cases) {
+        CXlnkMsgHandler parser;
+        Parsed p = Feed(parser, {c.packet});
+        ASSERT_EQ(p.records.size(), 1u);
+        const KtXlnkMsgS& r = p.records[0];
+        EXPECT_EQ(std::make_tuple(int{r.deviceID}, int{r.sourceID}, int{r.priority}, int{r.protocolID}), c.record);
+        EXPECT_EQ(p.payloads[0], c.payload);
+    }
 }
 
 TEST_F(Codec, EncodingRefusalsInOrderWithTheirMessages) {
@@ -121,21 +144,6 @@ TEST_F(Codec, EncodingRefusalsInOrderWithTheirMessages) {
     }
 }
 
-TEST_F(Codec, PayloadBounds) {
-    Bytes one = {7};
-    EXPECT_EQ(Encode(HostRecord(0, 1, one)).size(), 7u);
-    Bytes largest(4095, 0xC0);  // no escaping: 0xC0 stands in the payload as it is
-    Vyrix_ReturnStatus r;
-    Bytes packet = Encode(HostRecord(0, 1, largest), &r);
-    EXPECT_EQ(r, 0u);
-    EXPECT_EQ(packet.size(), 4101u);
-    EXPECT_EQ(packet[3], 0x1F);
-    EXPECT_EQ(packet[4], 0xFF);
-    Bytes tooLarge(4096, 1);
-    Encode(HostRecord(0, 1, tooLarge), &r);
-    EXPECT_EQ(r, 0x1A000000u);
-}
-
 TEST_F(Codec, PacketSplitAnywhereIsDeliveredOnceWhenItsChecksumArrives) {
     const Bytes packet = DevicePacket(2, 1, {0x2A, 0x2A, 0x41, 0xC0, 0x00, 0x12, 0x34});
     for (size_t cut = 1; cut < packet.size(); ++cut) {
@@ -156,15 +164,8 @@ TEST_F(Codec, PacketSplitAnywhereIsDeliveredOnceWhenItsChecksumArrives) {
             EXPECT_EQ(p.counts, (std::vector<size_t>{0, 0, 1}));
         }
     }
-}
-
-TEST_F(Codec, SplitMessagesAreInfoEntries) {
-    const Bytes packet = DevicePacket(2, 1, {1, 2, 3, 4});
-    CXlnkMsgHandler parser;
-    Feed(parser, {Bytes(packet.begin(), packet.begin() + 3), Bytes(packet.begin() + 3, packet.begin() + 7),
-                  Bytes(packet.begin() + 7, packet.end())});
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> ParseHeader :Header not completely present in the current buffer\n"));
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<INFO> ParsePayload :Payload not completely present in the current buffer\n"));
+    EXPECT_TRUE(vt::Contains(Log(), "<INFO> ParseHeader :Header not completely present in the current buffer\n"));
+    EXPECT_TRUE(vt::Contains(Log(), "<INFO> ParsePayload :Payload not completely present in the current buffer\n"));
 }
 
 TEST_F(Codec, NoiseWithoutStartByteIsSkippedSilently) {
@@ -226,65 +227,35 @@ TEST_F(Codec, AbandonedPacketGivesBackWhatItSwallowed) {
     EXPECT_TRUE(Feed(parser, {{}}).records.empty());
 }
 
-TEST_F(Codec, PriorityBitsRejectTheHeaderWithOneMessage) {
-    CXlnkMsgHandler parser;
-    Parsed p = Feed(parser, {{0xC0, 0x02, 0x00, 0x50, 0x01, 0x09, 0x00}});
-    EXPECT_TRUE(p.records.empty());
-    const std::string log = Log();
-    EXPECT_TRUE(vt::Contains(log, "<ERROR> ParseHeader :Valid header not found in buffer\n"));
-    EXPECT_EQ(log.find("Invalid"), std::string::npos);
-}
-
-TEST_F(Codec, InvalidSourceAndProtocolAreRejected) {
-    CXlnkMsgHandler parser;
-    Feed(parser, {{0xC0, 0x02, 0x02, 0x10, 0x01, 0x09, 0x00}});
-    Feed(parser, {{0xC0, 0x02, 0x00, 0x20, 0x01, 0x09, 0x00}});
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParseHeader :Invalid source id in buffer\n"));
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParseHeader :Invalid protocol id in buffer\n"));
-}
-
-TEST_F(Codec, BroadcastIsAlwaysConnectionOriented) {
-    CXlnkMsgHandler parser;
-    Parsed p = Feed(parser, {DevicePacket(63, 0, {0x2A, 0x2A, 0})});
-    ASSERT_EQ(p.records.size(), 1u);
-    EXPECT_EQ(p.records[0].deviceID, 63);
-    EXPECT_EQ(p.records[0].protocolID, 1);
-    Parsed q = Feed(parser, {DevicePacket(2, 0, {1})});
-    EXPECT_EQ(q.records[0].protocolID, 0);
-}
-
-TEST_F(Codec, ZeroLengthPacketIsAccepted) {
-    CXlnkMsgHandler parser;
-    Parsed p = Feed(parser, {{0xC0, 0x02, 0x03, 0x10, 0x00, 0xEB}});
-    ASSERT_EQ(p.records.size(), 1u);
-    EXPECT_EQ(p.records[0].payloadLen, 0);
-    EXPECT_EQ(p.records[0].sourceID, 3);
-}
-
-TEST_F(Codec, OneCallDeliversOnePacketAndTheRestFollows) {
-    CXlnkMsgHandler parser;
-    Bytes chunk = Concat({DevicePacket(2, 1, {1}), DevicePacket(2, 1, {2})});
-    KtXlnkMsgS msg{};
-    ASSERT_EQ(parser.ParsePacket(chunk.data(), static_cast<DWORD>(chunk.size()), &msg), 0u);
-    EXPECT_EQ(msg.pPayload[0], 1);
-    delete[] msg.pPayload;
-    EXPECT_EQ(parser.ConsumedBytes(), 7u);
-    ASSERT_EQ(parser.ParsePacket(chunk.data() + 7, static_cast<DWORD>(chunk.size() - 7), &msg), 0u);
-    EXPECT_EQ(msg.pPayload[0], 2);
-    delete[] msg.pPayload;
-    EXPECT_EQ(parser.ParsePacket(chunk.data() + 14, 0, &msg), 0x01000000u);
-}
-
-TEST_F(Codec, BadChecksumIsNeverDeliveredAndParsingGoesOn) {
-    Bytes bad = DevicePacket(2, 1, {1, 2, 3});
-    bad.back() ^= 0x01;
-    CXlnkMsgHandler parser;
-    Parsed alone = Feed(parser, {bad});
-    EXPECT_EQ(alone.results[0], 0x01000000u);
-    EXPECT_TRUE(alone.records.empty());
-    EXPECT_TRUE(vt::Contains(vt::Log(), "<ERROR> ParsePacket :Invalid checksum in buffer\n"));
-    Parsed both = Feed(parser, {Concat({bad, DevicePacket(2, 1, {4, 5})})});
-    ASSERT_EQ(both.payloads, std::vector<Bytes>{(Bytes{4, 5})});  // found in the same chunk
+// A damaged header or checksum: nothing is delivered, one message says
+// why, and a sound packet in the same chunk behind it is still found.
+TEST_F(Codec, DamagedPacketsAreRejectedWithTheirMessage) {
+    Bytes badSum = DevicePacket(2, 1, {1, 2, 3});
+    badSum.back() ^= 0x01;
+    const std::string notFound = "<ERROR> ParseHeader :Valid header not found in buffer\n";
+    const struct {
+        Bytes packet;
+        std::string messages;
+    } cases[] = {
+        {{0xC0, 0x02, 0x00, 0x50, 0x01, 0x09, 0x00}, notFound},  // priority bits
+        {{0xC0, 0x02, 0x02, 0x10, 0x01, 0x09, 0x00}, "<ERROR> ParseHeader :Invalid source id in buffer\n" + notFound},
+        {{0xC0, 0x02, 0x00, 0x20, 0x01, 0x09, 0x00}, "<ERROR> ParseHeader :Invalid protocol id in buffer\n" + notFound},
+        {{0xC0, 0x05, 0x00, 0x10, 0x01, 0x09, 0x00},
+         "<ERROR> ParseHeader :Invalid destination id in buffer\n" + notFound},
+        {badSum, "<ERROR> ParsePacket :Invalid checksum in buffer\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.messages);
+        const size_t mark = Log().size();
+        CXlnkMsgHandler parser;
+        Parsed alone = Feed(parser, {c.packet});
+        EXPECT_TRUE(alone.records.empty());
+        ASSERT_EQ(alone.results.size(), 1u);
+        EXPECT_EQ(alone.results[0], 0x01000000u);
+        EXPECT_EQ(Log().substr(mark), c.messages);  // these messages and no others
+        Parsed both = Feed(parser, {Concat({c.packet, DevicePacket(2, 1, {4, 5})})});
+        EXPECT_EQ(both.payloads, std::vector<Bytes>{(Bytes{4, 5})});  // found in the same chunk
+    }
 }
 
 TEST_F(Codec, NullArgumentsAndEmptyChunk) {
@@ -313,11 +284,7 @@ TEST(CodecRoundTrip, RandomRecordsUnderRandomChunking) {
         Bytes packet = Encode(HostRecord(destination, protocol, payload));
         vyrix::sim::HostPacketParser device;
         std::vector<vyrix::sim::HostPacket> got;
-        for (size_t at = 0; at < packet.size();) {
-            size_t n = std::min<size_t>(1 + rng() % 300, packet.size() - at);
-            device.Feed(packet.data() + at, n, got);
-            at += n;
-        }
+        for (const Bytes& chunk : RandomChunks(packet, rng, 1, 300)) device.Feed(chunk.data(), chunk.size(), got);
         ASSERT_EQ(got.size(), 1u);
         EXPECT_EQ(got[0].payload, payload);
         EXPECT_EQ(got[0].destination, destination);
@@ -326,13 +293,7 @@ TEST(CodecRoundTrip, RandomRecordsUnderRandomChunking) {
         // ...and so do a device-side encoder and the host's parser.
         Bytes reply = DevicePacket(2, protocol, payload, 3);
         CXlnkMsgHandler parser;
-        std::vector<Bytes> chunks;
-        for (size_t at = 0; at < reply.size();) {
-            size_t n = std::min<size_t>(1 + rng() % 300, reply.size() - at);
-            chunks.emplace_back(reply.begin() + at, reply.begin() + at + n);
-            at += n;
-        }
-        Parsed p = Feed(parser, chunks);
+        Parsed p = Feed(parser, RandomChunks(reply, rng, 1, 300));
         ASSERT_EQ(p.records.size(), 1u);
         EXPECT_EQ(p.payloads[0], payload);
         EXPECT_EQ(p.records[0].sourceID, 3);
@@ -352,14 +313,8 @@ TEST(CodecRoundTrip, TenThousandPacketsInRandomChunksArriveInOrder) {
         stream.insert(stream.end(), packet.begin(), packet.end());
         sent.push_back(payload);
     }
-    std::vector<Bytes> chunks;
-    for (size_t at = 0; at < stream.size();) {
-        size_t n = std::min<size_t>(rng() % 4101, stream.size() - at);
-        chunks.emplace_back(stream.begin() + at, stream.begin() + at + n);
-        at += n;
-    }
     CXlnkMsgHandler parser;
-    Parsed p = Feed(parser, chunks);
+    Parsed p = Feed(parser, RandomChunks(stream, rng, 0, 4100));
     EXPECT_EQ(p.payloads, sent);
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "ApiLink.h"
 #include "LLC_CommHandler.h"
@@ -29,13 +30,6 @@ bool LibraryLockIsFree() {
 }
 
 class Transport : public ApiLink {};
-
-TEST_F(Transport, CommandWithoutParametersIsFourBytes) {
-    ASSERT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
-    EXPECT_EQ(Command(0), (Bytes{0x2A, 0x2A, 0x01, 0x21}));
-    EXPECT_EQ(sim->Received()[0].destination, 0);
-    EXPECT_EQ(sim->Received()[0].protocol, 1);
-}
 
 TEST_F(Transport, EveryTagEncodesLeastSignificantByteFirst) {
     Vyrix_DataBufferS buffer{};
@@ -115,7 +109,8 @@ TEST_F(Transport, HostDestinationIsRefusedWithoutSending) {
     EXPECT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eHOST_DEVICE), 0x05000000u);
     EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);  // no number was used up
     ASSERT_EQ(AlcSendCommandParams(0x1F, nullptr, 0, eEP_DEVICE), 0u);
-    EXPECT_EQ(Command(0)[3], 0x1F);  // the first thing the device saw
+    EXPECT_EQ(Command(0), (Bytes{0x2A, 0x2A, 0x01, 0x1F}));  // the first thing the device saw
+    EXPECT_EQ(std::make_tuple(sim->Received()[0].destination, sim->Received()[0].protocol), std::make_tuple(0, 1));
 }
 
 TEST_F(Transport, AcknowledgementDoesNotLookAtTheStatusWord) {
@@ -162,22 +157,20 @@ TEST(CommandHelpers, ValidateReply) {
     void* library = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
     g_pLibCtx->sequenceNumber = 9;
-    Bytes payload = {0x2A, 0x2A, 0x49};
-    KtXlnkMsgS msg{0, 2, 0, 1, 3, payload.data()};
-    EXPECT_EQ(ValidateReply(msg), 0u);
-    msg.deviceID = 3;
-    EXPECT_EQ(ValidateReply(msg), 0u);
-    msg.deviceID = 0;
-    EXPECT_EQ(ValidateReply(msg), 0x01000000u);
-    msg.deviceID = 2;
-    msg.priority = 1;
-    EXPECT_EQ(ValidateReply(msg), 0x01000000u);
-    msg.priority = 0;
-    payload[2] = 0x88;  // error reply: no sequence test
-    EXPECT_EQ(ValidateReply(msg), 0x17000000u);
-    payload[2] = 0x00;
-    msg.protocolID = 0;  // connectionless: the markers are enough
-    EXPECT_EQ(ValidateReply(msg), 0u);
+    const struct {
+        uint8_t destination, priority, protocol, third;
+        uint32_t result;
+    } cases[] = {
+        {2, 0, 1, 0x49, 0u},          {3, 0, 1, 0x49, 0u}, {0, 0, 1, 0x49, 0x01000000u},  // to the host
+        {2, 1, 1, 0x49, 0x01000000u},                                                     // priority
+        {2, 0, 1, 0x88, 0x17000000u},  // error reply: no sequence test
+        {2, 0, 0, 0x00, 0u},           // connectionless: the markers are enough
+    };
+    for (const auto& c : cases) {
+        Bytes payload = {0x2A, 0x2A, c.third};
+        KtXlnkMsgS msg{0, c.destination, c.priority, c.protocol, 3, payload.data()};
+        EXPECT_EQ(ValidateReply(msg), c.result) << int{c.destination} << "/" << int{c.priority} << "/" << int{c.third};
+    }
     Vyrix_CloseLibrary(library);
 }
 

@@ -24,36 +24,25 @@ TEST(ConnectionChecks, RecordsAreRefusedBeforeAnyPortIsTouched) {
     EXPECT_EQ(Vyrix_OpenConnection(nullptr, &conn, UartRecord("/dev/null")), 0x04000000u);
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
 
-    std::vector<Vyrix_ConnectionInfoS> bad;
-    auto uart = [&](uint32_t baud, int32_t flow, uint8_t stop, const char* name = "/dev/vyrix-x") {
+    auto uart = [](uint32_t baud, int32_t flow, uint8_t stop, const char* name = "/dev/vyrix-x") {
         Vyrix_ConnectionInfoS i = UartRecord(name);
-        i.uartInfo.baudRate = baud;
-        i.uartInfo.flowControl = flow;
-        i.uartInfo.stopBits = stop;
-        bad.push_back(i);
+        i.uartInfo = Vyrix_UartInfoS{name, baud, flow, stop};
+        return i;
     };
-    uart(115200, 0, 1);
-    uart(57600, 2, 1);
-    uart(57600, -1, 1);
-    uart(57600, 0, 0);
-    uart(57600, 0, 3);
-    uart(57600, 0, 1, nullptr);
-    Vyrix_ConnectionInfoS usb{};
-    usb.connectionType = eVYRIX_CONNECTION_USB;
-    usb.usbInfo = Vyrix_USBInfoS{3, "SN1"};
-    bad.push_back(usb);
-    usb.usbInfo = Vyrix_USBInfoS{4, nullptr};
-    bad.push_back(usb);
-    Vyrix_ConnectionInfoS bth{};
-    bth.connectionType = eVYRIX_CONNECTION_BTH;
-    bth.bthInfo = Vyrix_BTHInfoS{"00:11:22:33:44:55", nullptr};
-    bad.push_back(bth);
-    bth.bthInfo = Vyrix_BTHInfoS{nullptr, "0000"};
-    bad.push_back(bth);
-    Vyrix_ConnectionInfoS unknown = UartRecord("/dev/vyrix-x");
+    Vyrix_ConnectionInfoS unknown = UartRecord("/dev/vyrix-x"), usb3 = vt::UsbRecord("SN1");
     unknown.connectionType = static_cast<Vyrix_ConnectionTypeE>(3);
-    bad.push_back(unknown);
-
+    usb3.usbInfo.productID = 3;
+    const Vyrix_ConnectionInfoS bad[] = {uart(115200, 0, 1),
+                                         uart(57600, 2, 1),
+                                         uart(57600, -1, 1),
+                                         uart(57600, 0, 0),
+                                         uart(57600, 0, 3),
+                                         uart(57600, 0, 1, nullptr),
+                                         usb3,
+                                         vt::UsbRecord(nullptr),
+                                         vt::BthRecord("00:11:22:33:44:55", nullptr),
+                                         vt::BthRecord(nullptr),
+                                         unknown};
     for (const Vyrix_ConnectionInfoS& record : bad) {
         EXPECT_EQ(Vyrix_OpenConnection(library, &conn, record), 0x05000000u);
         EXPECT_EQ(conn, reinterpret_cast<void*>(0x77));

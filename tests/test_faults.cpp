@@ -133,15 +133,6 @@ TEST_F(Faulty, ArbitraryBytesIncludingStartBytesDoNotBreakTheLink) {
     ExpectCleanRecovery();
 }
 
-TEST_F(Faulty, ResendRequestsForever) {
-    sim->SetFaults(With(&Faults::resendEvery, 1));
-    vt::Stopwatch watch;
-    EXPECT_EQ(vt::Exchange(50), 0x01000000u);  // 11 resends, then given up
-    EXPECT_LT(watch.Ms(), 15000);
-    EXPECT_EQ(sim->ReceivedCount(), 12u);
-    ExpectCleanRecovery();
-}
-
 TEST_F(Faulty, RepliesSplitByteByByteWithPauses) {
     sim->SetFaults(With(&Faults::garbage, {0x55, 0x00, 0x13},
                         With(&Faults::splitPauseMs, 3, With<size_t>(&Faults::splitBytes, 1))));

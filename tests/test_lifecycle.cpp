@@ -1,6 +1,8 @@
 // Opening, querying and closing the library in every order.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "Vyrix_Internal.h"
 
 namespace {
@@ -12,60 +14,45 @@ protected:
     }
 };
 
+// Closed: everything but open is refused, and the library check comes
+// before any argument check.
 TEST_F(Lifecycle, ClosedLibraryRefusesEverythingButOpen) {
     Vyrix_LibraryInfoS info{9, 9, 9, 9};
     EXPECT_EQ(Vyrix_GetLibraryInfo(reinterpret_cast<void*>(1), &info), 0x04000000u);
     EXPECT_EQ(info.majorVersion, 9);  // untouched
     EXPECT_EQ(Vyrix_CloseLibrary(reinterpret_cast<void*>(1)), 0x04000000u);
-    EXPECT_EQ(Vyrix_CloseLibrary(nullptr), 0x04000000u);  // library check comes first
+    EXPECT_EQ(Vyrix_CloseLibrary(nullptr), 0x04000000u);
     EXPECT_EQ(Vyrix_OpenLibrary(nullptr), 0x05000000u);
     EXPECT_EQ(g_pSyncObj, nullptr);
 }
 
-TEST_F(Lifecycle, OpenGivesContextLockAndVersion) {
+// Open, a refused second open, version, close with any non-null handle,
+// and a reopen that starts afresh.
+TEST_F(Lifecycle, OpenTwiceCloseAndReopen) {
     void* handle = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&handle), 0u);
     EXPECT_EQ(handle, g_pLibCtx);
     EXPECT_NE(g_pSyncObj, nullptr);
-    EXPECT_TRUE(g_pLibCtx->connections.empty());
-    EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);
+    void* second = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(Vyrix_OpenLibrary(&second), 0x18000000u);
+    EXPECT_EQ(second, reinterpret_cast<void*>(0x1234));  // not written
+    EXPECT_EQ(Vyrix_OpenLibrary(nullptr), 0x18000000u);  // refused before its argument is looked at
+    EXPECT_EQ(g_pLibCtx, handle);
 
     Vyrix_LibraryInfoS info{};
     EXPECT_EQ(Vyrix_GetLibraryInfo(handle, nullptr), 0x05000000u);
     EXPECT_EQ(Vyrix_GetLibraryInfo(nullptr, &info), 0x05000000u);
     ASSERT_EQ(Vyrix_GetLibraryInfo(handle, &info), 0u);
-    EXPECT_EQ(info.majorVersion, 1);
-    EXPECT_EQ(info.minorVersion, 3);
-    EXPECT_EQ(info.revision, 0);
-    EXPECT_EQ(info.build, 0u);
-}
+    EXPECT_EQ(std::make_tuple(info.majorVersion, info.minorVersion, info.revision, info.build),
+              std::make_tuple(1, 3, 0, 0u));
 
-TEST_F(Lifecycle, SecondOpenIsRefusedBeforeItsArgumentIsLookedAt) {
-    void* first = nullptr;
-    ASSERT_EQ(Vyrix_OpenLibrary(&first), 0u);
-    void* second = reinterpret_cast<void*>(0x1234);
-    EXPECT_EQ(Vyrix_OpenLibrary(&second), 0x18000000u);
-    EXPECT_EQ(second, reinterpret_cast<void*>(0x1234));  // not written
-    EXPECT_EQ(Vyrix_OpenLibrary(nullptr), 0x18000000u);
-    EXPECT_EQ(g_pLibCtx, first);  // the first context stays in use
-}
-
-TEST_F(Lifecycle, CloseAcceptsAnyNonNullHandleAndRemovesTheLock) {
-    void* handle = nullptr;
-    ASSERT_EQ(Vyrix_OpenLibrary(&handle), 0u);
+    g_pLibCtx->sequenceNumber = 17;
     EXPECT_EQ(Vyrix_CloseLibrary(nullptr), 0x05000000u);
     EXPECT_NE(g_pLibCtx, nullptr);
     int other = 0;
     EXPECT_EQ(Vyrix_CloseLibrary(&other), 0u);
     EXPECT_EQ(g_pLibCtx, nullptr);
     EXPECT_EQ(g_pSyncObj, nullptr);
-}
-
-TEST_F(Lifecycle, ReopenStartsAFreshContext) {
-    void* handle = nullptr;
-    ASSERT_EQ(Vyrix_OpenLibrary(&handle), 0u);
-    g_pLibCtx->sequenceNumber = 17;
-    ASSERT_EQ(Vyrix_CloseLibrary(handle), 0u);
     ASSERT_EQ(Vyrix_OpenLibrary(&handle), 0u);
     EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);
     EXPECT_TRUE(g_pLibCtx->connections.empty());

@@ -164,11 +164,4 @@ TEST_F(Log, FileOfAnotherUserIsNotWritten) {
     EXPECT_EQ(vt::ReadFile(Shared()), "someone else's\n");
 }
 
-TEST_F(Log, UniqueNameFormat) {
-    char name[64];
-    int n = CLogFile::genUniqueFilename(name);
-    EXPECT_EQ(n, static_cast<int>(strlen(name)));
-    EXPECT_TRUE(IsUniqueName(name)) << name;
-}
-
 }  // namespace

@@ -12,6 +12,7 @@ namespace {
 
 using vt::Answering;
 using vt::Bytes;
+const auto& Cat = vt::Concat;
 
 Bytes Le(uint32_t v, int n = 4) {
     Bytes b;
@@ -22,11 +23,6 @@ Bytes F(float f) {
     uint32_t bits;
     memcpy(&bits, &f, 4);
     return Le(bits);
-}
-Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
 }
 
 using S = Vyrix_ValueStorageTypeE;

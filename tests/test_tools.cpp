@@ -14,7 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -69,14 +71,8 @@ int Wait(pid_t pid) {
 }
 
 std::vector<std::string> Words(const std::string& text) {
-    std::vector<std::string> words;
-    size_t at = 0;
-    while ((at = text.find_first_not_of(' ', at)) != std::string::npos) {
-        const size_t end = text.find(' ', at);
-        words.push_back(text.substr(at, end - at));
-        at = end;
-    }
-    return words;
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 class Tools : public ::testing::Test {
