@@ -127,6 +127,7 @@ TEST_F(Transport, StaleRepliesAreFlushedBeforeACommand) {
     Bytes raw = {0x2A, 0x2A, 0x3F, 0x01};
     KtXlnkMsgS msg{2, 0, 0, 1, 4, raw.data()};
     ASSERT_EQ(KtSendMsg(msg), 0u);
+    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));  // taken, and left unanswered
     sim->SendPacket(vt::ReplyTo(0x3F, {0x55}));
     vt::Fence(*sim);  // the stale reply is queued
     sim->SetFaults(vyrix::sim::Faults{});

@@ -149,6 +149,7 @@ TEST_F(Faulty, DeviceStopsAnsweringAndComesBack) {
     EXPECT_EQ(vt::Exchange(4), 0x07000000u);
     EXPECT_GE(watch.Ms(), 450);
     EXPECT_LT(watch.Ms(), 1500);
+    ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));  // left unanswered for good
     sim->SetFaults(Faults{});
     EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();

@@ -13,7 +13,8 @@
 
 namespace {
 
-// Every pointer argument points here; every other argument is 0xAA bytes.
+// Every pointer argument points here; every other argument but an
+// enumeration is 0xAA bytes.
 alignas(16) unsigned char g_storage[4096];
 
 template <typename T>
@@ -21,8 +22,8 @@ T Arg(bool null) {
     T value{};
     if constexpr (std::is_pointer_v<T>) {
         if (!null) value = reinterpret_cast<T>(g_storage);
-    } else if (!null) {
-        memset(&value, 0xAA, sizeof value);
+    } else if constexpr (!std::is_enum_v<T>) {  // an enumeration keeps its first value
+        if (!null) memset(&value, 0xAA, sizeof value);
     }
     return value;
 }
