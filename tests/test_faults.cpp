@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "ApiLink.h"
@@ -23,11 +24,9 @@ using vyrix::sim::Faults;
 
 // Resident memory in KiB.
 long RssKiB() {
-    long pages = 0, resident = 0;
-    FILE* f = fopen("/proc/self/statm", "r");
-    if (f == nullptr) return -1;
-    if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
-    fclose(f);
+    std::istringstream statm(vt::ReadFile("/proc/self/statm"));
+    long pages = 0, resident = -1;
+    statm >> pages >> resident;
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
@@ -70,6 +69,7 @@ TEST_F(Faulty, HangUpInTheMiddleOfACommand) {
     EXPECT_EQ(Brightness(), 0x16000000u);
     EXPECT_LT(watch.Ms(), 2000);
     EXPECT_EQ(std::make_tuple(Brightness(), KtCheckSerialPort()), std::make_tuple(0x16000000u, 0x01000000u));
+    EXPECT_EQ(vt::ContextSwitches("vyrix-receive"), -1);  // the receive loop ended before any close
     ExpectCleanRecovery();
 }
 
