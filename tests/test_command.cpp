@@ -121,9 +121,7 @@ TEST_F(Transport, AcknowledgementDoesNotLookAtTheStatusWord) {
 TEST_F(Transport, StaleRepliesAreFlushedBeforeACommand) {
     // An exchange started through the link layer and never finished leaves
     // its reply in the queue; the next command must not take it.
-    vyrix::sim::Faults quiet;
-    quiet.silent = true;
-    sim->SetFaults(quiet);
+    sim->SetFaults(vt::Quiet());
     Bytes raw = {0x2A, 0x2A, 0x3F, 0x01};
     KtXlnkMsgS msg{2, 0, 0, 1, 4, raw.data()};
     ASSERT_EQ(KtSendMsg(msg), 0u);

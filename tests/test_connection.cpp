@@ -16,7 +16,8 @@ using vt::ApiLink;
 using vt::Bytes;
 using vt::UartRecord;
 
-class Connections : public ApiLink {};
+using Connections = ApiLink;
+using Handles = ApiLink;
 
 TEST(ConnectionChecks, RecordsAreRefusedBeforeAnyPortIsTouched) {
     void* library = nullptr;
@@ -140,22 +141,6 @@ TEST_F(Connections, ClosingTheLibraryClosesEveryConnection) {
     EXPECT_EQ(Vyrix_OpenConnection(library, &connection, UartRecord(path.c_str())), 0u);
 }
 
-}  // namespace
-
-namespace {
-
-using vt::ApiLink;
-using vt::UartRecord;
-
-class Handles : public ApiLink {
-protected:
-    void Silence() {
-        vyrix::sim::Faults silent;
-        silent.silent = true;
-        sim->SetFaults(silent);
-    }
-};
-
 // A closed handle stays dead: it never names a newer connection, and using
 // it touches nothing.
 TEST_F(Handles, ClosedHandleNeverNamesANewerConnection) {
@@ -175,7 +160,7 @@ TEST_F(Handles, ClosedHandleNeverNamesANewerConnection) {
 }
 
 TEST_F(Handles, ReplyTimeoutIsTheConnections) {
-    Silence();
+    sim->SetFaults(vt::Quiet());
     EXPECT_EQ(Vyrix_SetReplyTimeout(nullptr, 100), 0x05000000u);
     ASSERT_EQ(Vyrix_SetReplyTimeout(connection, 300), 0u);
     uint8_t brightness = 0;
@@ -188,7 +173,7 @@ TEST_F(Handles, ReplyTimeoutIsTheConnections) {
 // A close on another thread ends a command that waits for its reply; the
 // command never touches the closed connection's memory.
 TEST_F(Handles, CloseDuringACommandEndsItWithNotConnected) {
-    Silence();
+    sim->SetFaults(vt::Quiet());
     auto command = std::async(std::launch::async, [&] {
         uint8_t brightness = 0;
         return Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT);
@@ -199,10 +184,6 @@ TEST_F(Handles, CloseDuringACommandEndsItWithNotConnected) {
     EXPECT_EQ(command.get(), 0x16000000u);
     EXPECT_LT(watch.Ms(), 1000);
 }
-
-}  // namespace
-
-namespace {
 
 // Two devices on two serial lines, driven from two threads at once: each
 // thread's commands and their wire bytes reach its own device only, and
