@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <regex>
 #include <vector>
@@ -28,12 +29,7 @@ bool IsUniqueName(const std::string& path) {
                             std::regex("[0-9]{2}[A-Za-z]+[0-9]{4}_[0-9]{6}(_[0-9]+)?\\.log"));
 }
 
-void WriteFile(const std::string& path, const std::string& text) {
-    FILE* f = fopen(path.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fputs(text.c_str(), f);
-    fclose(f);
-}
+void WriteFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
 class Log : public ::testing::Test {
 protected:

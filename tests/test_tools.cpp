@@ -31,22 +31,6 @@ struct Outcome {
     std::string out, err;
 };
 
-// A scratch directory of this test's own, removed with what is in it.
-class Scratch {
-public:
-    Scratch() {
-        char name[] = "/tmp/vyrix-tools-XXXXXX";
-        dir_ = mkdtemp(name) ? name : "";
-    }
-    ~Scratch() {
-        if (!dir_.empty()) std::system(("rm -rf " + dir_).c_str());
-    }
-    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-
-private:
-    std::string dir_;
-};
-
 // Starts `program args...` with its output in files; returns its pid.
 pid_t Start(const std::vector<std::string>& args, const std::string& out, const std::string& err) {
     const pid_t pid = fork();
@@ -75,6 +59,7 @@ std::vector<std::string> Words(const std::string& text) {
     return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
+// Each test has a scratch directory of its own, removed with what is in it.
 class Tools : public ::testing::Test {
 protected:
     void TearDown() override {
@@ -82,18 +67,20 @@ protected:
             kill(simPid, SIGTERM);
             Wait(simPid);
         }
+        if (!dir.empty()) std::system(("rm -rf " + dir).c_str());
     }
+    std::string Path(const std::string& name) const { return dir + "/" + name; }
     // vyrix-sim with a link in the scratch directory; `options` as typed.
     void StartSim(const std::string& options = "") {
-        link = scratch.Path("tty");
+        link = Path("tty");
         std::vector<std::string> args = {VYRIX_SIM, "--link", link, "--trace"};
         for (const std::string& w : Words(options)) args.push_back(w);
-        simPid = Start(args, scratch.Path("sim.out"), scratch.Path("sim.err"));
+        simPid = Start(args, Path("sim.out"), Path("sim.err"));
         ASSERT_TRUE(vt::Eventually([&] { return SimOut().find("Try:") != std::string::npos; }));
     }
-    std::string SimOut() const { return vt::ReadFile(scratch.Path("sim.out")); }
+    std::string SimOut() const { return vt::ReadFile(Path("sim.out")); }
     size_t PacketsSeen() const {
-        const std::string trace = vt::ReadFile(scratch.Path("sim.err"));
+        const std::string trace = vt::ReadFile(Path("sim.err"));
         size_t n = 0;
         for (size_t at = 0; (at = trace.find("host ->", at)) != std::string::npos; ++at) ++n;
         return n;
@@ -102,9 +89,9 @@ protected:
         std::vector<std::string> argv = {program};
         for (const std::string& w : Words(args)) argv.push_back(w == "LINK" ? link : w);
         Outcome o;
-        o.status = Wait(Start(argv, scratch.Path("out"), scratch.Path("err")));
-        o.out = vt::ReadFile(scratch.Path("out"));
-        o.err = vt::ReadFile(scratch.Path("err"));
+        o.status = Wait(Start(argv, Path("out"), Path("err")));
+        o.out = vt::ReadFile(Path("out"));
+        o.err = vt::ReadFile(Path("err"));
         return o;
     }
     Outcome Ctl(const std::string& args) { return Run(VYRIXCTL, args); }
@@ -114,7 +101,8 @@ protected:
         return j;
     }
 
-    Scratch scratch;
+    char dirTemplate[32] = "/tmp/vyrix-tools-XXXXXX";
+    const std::string dir = mkdtemp(dirTemplate) ? dirTemplate : "";
     std::string link;
     pid_t simPid = -1;
 };
@@ -211,17 +199,17 @@ TEST_F(Tools, UsageErrorsExitTwoWithOneLine) {
 
 TEST_F(Tools, FailuresNameTheCauseAndPrintNothingOnStdout) {
     StartSim();
-    std::ofstream(scratch.Path("plain")) << "x";
-    std::ofstream(scratch.Path("empty")).close();
-    mkdir(scratch.Path("dir").c_str(), 0700);
+    std::ofstream(Path("plain")) << "x";
+    std::ofstream(Path("empty")).close();
+    mkdir(Path("dir").c_str(), 0700);
     const struct {
         std::string args, says;
     } cases[] = {
-        {"--uart " + scratch.Path("none") + " status", "none: no such device (eVYRIX_NOT_CONNECTED)"},
-        {"--uart " + scratch.Path("plain") + " status", "plain: not a character device"},
-        {"--uart LINK upgrade " + scratch.Path("dir"), "dir is a directory"},
-        {"--uart LINK upgrade " + scratch.Path("empty"), "empty is empty"},
-        {"--uart LINK upgrade " + scratch.Path("none"), "cannot read"},
+        {"--uart " + Path("none") + " status", "none: no such device (eVYRIX_NOT_CONNECTED)"},
+        {"--uart " + Path("plain") + " status", "plain: not a character device"},
+        {"--uart LINK upgrade " + Path("dir"), "dir is a directory"},
+        {"--uart LINK upgrade " + Path("empty"), "empty is empty"},
+        {"--uart LINK upgrade " + Path("none"), "cannot read"},
         {"status", "choose a transport"},
     };
     for (const auto& c : cases) {
@@ -238,7 +226,7 @@ TEST_F(Tools, FailuresNameTheCauseAndPrintNothingOnStdout) {
 
 TEST_F(Tools, UpgradeAndNamedEvents) {
     StartSim();
-    const std::string image = scratch.Path("image.bin");
+    const std::string image = Path("image.bin");
     {
         std::ofstream f(image, std::ios::binary);
         for (int i = 0; i < 9001; ++i) f.put(static_cast<char>(i * 7));
@@ -267,14 +255,14 @@ TEST_F(Tools, SignalsEndACommandTheDeviceNeverAnswers) {
     for (const auto& c : cases) {
         ASSERT_EQ(Ctl("--uart LINK info").status, 0);
         ++sent;
-        const pid_t pid = Start({VYRIXCTL, "--uart", link, "status"}, scratch.Path("out"), scratch.Path("err"));
+        const pid_t pid = Start({VYRIXCTL, "--uart", link, "status"}, Path("out"), Path("err"));
         ++sent;
-        ASSERT_TRUE(vt::Eventually([&] { return PacketsSeen() == sent; })) << vt::ReadFile(scratch.Path("sim.err"));
+        ASSERT_TRUE(vt::Eventually([&] { return PacketsSeen() == sent; })) << vt::ReadFile(Path("sim.err"));
         vt::Stopwatch clock;
         kill(pid, c.sig);
         EXPECT_EQ(Wait(pid), c.status);
         EXPECT_LT(clock.Ms(), 2000);  // generous: a loaded machine
-        EXPECT_EQ(vt::ReadFile(scratch.Path("out")), "");
+        EXPECT_EQ(vt::ReadFile(Path("out")), "");
     }
     EXPECT_EQ(Ctl("--uart LINK info").status, 0);
 }
@@ -287,7 +275,7 @@ TEST_F(Tools, SimulatorPacesAtTheBaudRate) {
 }
 
 TEST_F(Tools, SimulatorNeverReplacesAFile) {
-    const std::string path = scratch.Path("precious");
+    const std::string path = Path("precious");
     std::ofstream(path) << "keep me";
     Outcome o = Run(VYRIX_SIM, "--link " + path);
     EXPECT_EQ(o.status, 1);

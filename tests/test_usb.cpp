@@ -19,18 +19,10 @@ namespace {
 
 using vt::Contains;
 using vt::Log;
-using vt::UsbDeviceSpec;
+using Vyrix = vt::UsbDeviceSpec;
 using Sim = vyrix::sim::DeviceSimulator;
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 vt::UsbEmulator* g_usb = nullptr;
-
-UsbDeviceSpec Vyrix(int address, const std::string& serial = "AB12") {
-    UsbDeviceSpec s;
-    s.vendor = VYRIX_USB_VENDOR_ID;
-    s.address = address;
-    s.serial = serial;
-    return s;
-}
 
 std::string UsbLock(int address) {
     char name[64];
@@ -57,10 +49,10 @@ TEST_F(Usb, EnumeratesWithSerialNumbers) {
     EXPECT_EQ(CUsbPort().EnumerateDevices(2, &count, found), 0x16000000u);
     EXPECT_EQ(count, 0u);
     EXPECT_TRUE(Contains(Log(), "<INFO> EnumerateDevices: No Devices Found.\n"));
-    UsbDeviceSpec foreign = Vyrix(3, "ZZ99"), unreadable = Vyrix(5);
+    Vyrix foreign(3, "ZZ99"), unreadable(5);
     foreign.vendor = 0x1234;  // someone else's device
     unreadable.serialReadable = false;
-    for (const UsbDeviceSpec& spec : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(spec);
+    for (const Vyrix& spec : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(spec);
     memset(found, 0x5A, sizeof found);
     testing::internal::CaptureStdout();
     ASSERT_EQ(CUsbPort().EnumerateDevices(5, &count, found), kOk) << Log();
@@ -121,11 +113,11 @@ TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
 // No device, another product, a configuration without interfaces: refused,
 // and no lock file is left.
 TEST_F(Usb, NoDeviceWrongIdentityOrNoInterfaces) {
-    UsbDeviceSpec wrongProduct = Vyrix(2), noInterfaces = Vyrix(3);
+    Vyrix wrongProduct(2), noInterfaces(3);
     wrongProduct.product = 5;
     noInterfaces.interfaces = false;
     EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u);
-    for (const UsbDeviceSpec& spec : {wrongProduct, noInterfaces}) {
+    for (const Vyrix& spec : {wrongProduct, noInterfaces}) {
         g_usb->Add(spec);
         EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u) << spec.address;
         EXPECT_FALSE(vt::FileExists(UsbLock(spec.address)));
@@ -134,7 +126,7 @@ TEST_F(Usb, NoDeviceWrongIdentityOrNoInterfaces) {
 }
 
 TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
-    UsbDeviceSpec inOnly = Vyrix(3, "INONLY");
+    Vyrix inOnly(3, "INONLY");
     inOnly.outEndpoint = false;
     g_usb->Add(Vyrix(2, "GOOD"));
     g_usb->Add(inOnly);
@@ -146,7 +138,7 @@ TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
 // The kernel driver is detached, the OUT endpoint found in the descriptors,
 // and packets go out in 64-byte transfers, the last one padded with zeros.
 TEST_F(Usb, PacketsGoOutIn64ByteTransfersToTheOutEndpoint) {
-    UsbDeviceSpec spec = Vyrix(2);
+    Vyrix spec(2);
     spec.kernelDriver = true;
     spec.outAddress = 0x02;
     auto& dev = g_usb->Add(spec);
