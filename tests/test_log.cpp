@@ -140,9 +140,8 @@ TEST_F(Log, VariableChoosesTheTarget) {
         setenv("VYRIX_LOG", c.value, 1);
         LogStart();
         EXPECT_EQ(LogExists(), c.exists);
-        if (c.exists) {
-            EXPECT_EQ(vt::LogPath(), c.stream == nullptr ? Shared() : vt::FdPath(fileno(c.stream)));
-        }
+        const std::string target = c.stream == nullptr ? Shared() : vt::FdPath(fileno(c.stream));
+        EXPECT_EQ(vt::LogPath(), c.exists ? target : "");
         EXPECT_EQ(vt::FileExists(Shared()), c.stream == nullptr && c.exists);
         LogEnd();
         unsetenv("VYRIX_LOG");
