@@ -224,9 +224,7 @@ protected:
 };
 
 TEST_F(BluetoothLink, CommandsTravelOverRfcomm) {
-    void* library = nullptr;
-    void* conn = nullptr;
-    void* again = nullptr;
+    void *library = nullptr, *conn = nullptr, *again = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
     const Vyrix_ConnectionInfoS info = vt::BthRecord(kAddr);
     ASSERT_EQ(Vyrix_OpenConnection(library, &conn, info), 0u);

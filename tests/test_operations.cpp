@@ -28,8 +28,11 @@ Bytes F(float f) {
 using S = Vyrix_ValueStorageTypeE;
 constexpr S kCur = eVYRIX_STORAGE_CURRENT, kSaved = eVYRIX_STORAGE_SAVED, kFactory = eVYRIX_STORAGE_FACTORY;
 
-// An operation called on the handle `h`, named by its text.
+// An operation called on the handle `h`, named by its text; NO(call) is one
+// that must be refused.
 #define OP(call) #call, [&]([[maybe_unused]] void* h) { return call; }
+#define NO(call) \
+    Refused { OP(call) }
 
 struct Sent {
     const char* name;
@@ -106,6 +109,9 @@ TEST_F(Operations, GetCommandsDecodeTheirReplies) {
     Vyrix_VideoPropertiesS props{};
     Vyrix_FrameRateS fr{};
     Vyrix_SystemStatusS st{};
+    Vyrix_SystemInfoS info;
+    memset(&info, 0x55, sizeof info);
+    const Bytes text = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 'L', 'M', 'N', 'O', 'P', 'Q'};
     ExpectSent({
         {OP(Vyrix_GetInputVideoProperties(h, &w, &ht, &rate)), 60, {}, Cat({Le(1920, 2), Le(1080, 2), F(59.94f)})},
         {OP(Vyrix_GetInputVideoState(h, &u[0], 6)), 11, Le(6), Le(0xA1B2C3D4)},
@@ -125,6 +131,7 @@ TEST_F(Operations, GetCommandsDecodeTheirReplies) {
         {OP(Vyrix_GetFrameRateMode(h, &fr, kCur)), 77, Le(0), Cat({Le(2), Le(30), Le(40)})},
         {OP(Vyrix_GetSystemStatus(h, &st)), 40, {}, Cat({Le(1), Le(2), F(41.5f), Le(3), Le(4), Le(5), Le(6), Le(7)})},
         {OP(Vyrix_GetInputVideoState(h, &u[0], 42)), 11, Le(42), Le(0xA1B2C3D4)},
+        {OP(Vyrix_GetSystemInfo(h, &info)), 39, {}, Cat({text, Le(1), Le(2), Le(3), Le(4), Le(5), Le(6), Le(7)})},
     });
     EXPECT_EQ(std::tie(w, ht, b, mode, biphase, conv), std::make_tuple(1920, 1080, 77, 3, -100, -65536));
     EXPECT_EQ(std::vector<uint32_t>(u, u + 6), (std::vector<uint32_t>{0xA1B2C3D4u, 1, 2, 3, 4, 5}));
@@ -136,6 +143,8 @@ TEST_F(Operations, GetCommandsDecodeTheirReplies) {
     EXPECT_FLOAT_EQ(gamma, 2.2f);
     EXPECT_FLOAT_EQ(props.frameRate, 60.0f);
     EXPECT_FLOAT_EQ(st.statusValue, 41.5f);
+    EXPECT_STREQ(info.infoText, "ABCDEFGHIJKLMNOP");  // sixteen characters and a NUL
+    EXPECT_EQ(std::tie(info.infoWord1, info.infoWord4, info.infoWord7), std::make_tuple(1u, 4u, 7u));
 }
 
 TEST_F(Operations, ArgumentsOutOfBoundsAndNullHandlesAreRefused) {
@@ -143,62 +152,43 @@ TEST_F(Operations, ArgumentsOutOfBoundsAndNullHandlesAreRefused) {
     int16_t off;
     int32_t v;
     Vyrix_SystemInfoS info;
-    Vyrix_FrameRateS fr;
+    Vyrix_FrameRateS fr, badMode{3, 0, 0};
     Vyrix_EventLogEntryS entries[1];
     Bytes chunk(4001);
-    ExpectRefused({{OP(Vyrix_SetBrightness(h, 101, kCur))},
-                   {OP(Vyrix_SetBrightness(h, 1, kFactory))},
-                   {OP(Vyrix_SetBiPhase(h, -101, kCur))},
-                   {OP(Vyrix_SetBiPhase(h, 101, kCur))},
-                   {OP(Vyrix_SetColorAlignment(h, 0, 0, -33, kCur))},
-                   {OP(Vyrix_SetColorAlignment(h, 0, 0, 33, kCur))},
-                   {OP(Vyrix_SetColorAlignment(h, 0, -1, 0, kCur))},
-                   {OP(Vyrix_SetColorAlignment(h, 0, 5, 0, kCur))},
-                   {OP(Vyrix_SetColorAlignment(h, 2, 0, 0, kCur))},
-                   {OP(Vyrix_GetColorAlignment(h, 0, -1, &off, kCur))},
-                   {OP(Vyrix_GetColorAlignment(h, 0, 5, &off, kCur))},
-                   {OP(Vyrix_SetColorConverter(h, 0, -65537, kCur))},
-                   {OP(Vyrix_SetColorConverter(h, 0, 65536, kCur))},
-                   {OP(Vyrix_SetColorConverter(h, -1, 0, kCur))},
-                   {OP(Vyrix_SetColorConverter(h, 9, 0, kCur))},
-                   {OP(Vyrix_GetColorConverter(h, -1, &v, kCur))},
-                   {OP(Vyrix_GetColorConverter(h, 9, &v, kCur))},
-                   {OP(Vyrix_SetGamma(h, 0, 0.99f, kCur))},
-                   {OP(Vyrix_SetGamma(h, 0, 3.01f, kCur))},
-                   {OP(Vyrix_SetGamma(h, 0, 2.0f, kFactory))},
-                   {OP(Vyrix_SetColorMode(h, 5, kCur))},
-                   {OP(Vyrix_SetVideoGammaBoostMode(h, 3, 0, kCur))},
-                   {OP(Vyrix_SetVideoGammaBoostMode(h, 0, 2, kCur))},
-                   {OP(Vyrix_SetFlipState(h, 4, kCur))},
-                   {OP(Vyrix_SetMicroWeaveMode(h, 2, kCur))},
-                   {OP(Vyrix_SetInputVideoState(h, 2, 0))},
-                   {OP(Vyrix_SetOutputVideoState(h, 2, 0))},
-                   {OP(Vyrix_SetFrameRateMode(h, Vyrix_FrameRateS{3, 0, 0}, 0))},
-                   {OP(Vyrix_SetSensingState(h, 2, kCur))},
-                   {OP(Vyrix_DrawTestPattern(h, 5, 0, 0))},
-                   {OP(Vyrix_GetBrightness(h, nullptr, kCur))},
-                   {OP(Vyrix_GetBrightness(h, &b, static_cast<S>(3)))},
-                   {OP(Vyrix_GetEventLog(h, 256, entries))},
-                   {OP(Vyrix_GetEventLog(h, 1, nullptr))},
-                   {OP(Vyrix_UpgradeSoftware(h, 0, 4001, 0, chunk.data()))},
-                   {OP(Vyrix_UpgradeSoftware(h, 0, 10, 0, nullptr))},
-                   {OP(Vyrix_SetBrightness(nullptr, 1, kCur))},
-                   {OP(Vyrix_GetBrightness(nullptr, &b, kCur))},
-                   {OP(Vyrix_GetSystemInfo(nullptr, &info))},
-                   {OP(Vyrix_DrawTestPattern(nullptr, 0, 0, 0))},
-                   {OP(Vyrix_CommitAll(nullptr))},
-                   {OP(Vyrix_GetFrameRateMode(nullptr, &fr, kCur))}});
+    // Values out of range, and storage types a Set cannot write.
+    ExpectRefused({NO(Vyrix_SetBrightness(h, 101, kCur)), NO(Vyrix_SetBiPhase(h, -101, kCur)),
+                   NO(Vyrix_SetBiPhase(h, 101, kCur)), NO(Vyrix_SetColorAlignment(h, 0, 0, -33, kCur)),
+                   NO(Vyrix_SetColorAlignment(h, 0, 0, 33, kCur)), NO(Vyrix_SetColorConverter(h, 0, -65537, kCur)),
+                   NO(Vyrix_SetColorConverter(h, 0, 65536, kCur)), NO(Vyrix_SetGamma(h, 0, 0.99f, kCur)),
+                   NO(Vyrix_SetGamma(h, 0, 3.01f, kCur)), NO(Vyrix_SetBrightness(h, 1, kFactory)),
+                   NO(Vyrix_SetGamma(h, 0, 2.0f, kFactory))});
+    // Indexes, modes and states out of range.
+    ExpectRefused({NO(Vyrix_SetColorAlignment(h, 0, -1, 0, kCur)), NO(Vyrix_SetColorAlignment(h, 0, 5, 0, kCur)),
+                   NO(Vyrix_SetColorAlignment(h, 2, 0, 0, kCur)), NO(Vyrix_GetColorAlignment(h, 0, -1, &off, kCur)),
+                   NO(Vyrix_GetColorAlignment(h, 0, 5, &off, kCur)), NO(Vyrix_SetColorConverter(h, -1, 0, kCur)),
+                   NO(Vyrix_SetColorConverter(h, 9, 0, kCur)), NO(Vyrix_GetColorConverter(h, -1, &v, kCur)),
+                   NO(Vyrix_GetColorConverter(h, 9, &v, kCur)), NO(Vyrix_SetColorMode(h, 5, kCur)),
+                   NO(Vyrix_SetVideoGammaBoostMode(h, 3, 0, kCur)), NO(Vyrix_SetVideoGammaBoostMode(h, 0, 2, kCur)),
+                   NO(Vyrix_SetFlipState(h, 4, kCur)), NO(Vyrix_SetMicroWeaveMode(h, 2, kCur)),
+                   NO(Vyrix_SetInputVideoState(h, 2, 0)), NO(Vyrix_SetOutputVideoState(h, 2, 0)),
+                   NO(Vyrix_SetFrameRateMode(h, badMode, 0)), NO(Vyrix_SetSensingState(h, 2, kCur)),
+                   NO(Vyrix_DrawTestPattern(h, 5, 0, 0))});
+    // Missing pointers, storage types or counts out of range, and no connection.
+    ExpectRefused({NO(Vyrix_GetBrightness(h, nullptr, kCur)), NO(Vyrix_GetBrightness(h, &b, static_cast<S>(3))),
+                   NO(Vyrix_GetEventLog(h, 256, entries)), NO(Vyrix_GetEventLog(h, 1, nullptr)),
+                   NO(Vyrix_UpgradeSoftware(h, 0, 4001, 0, chunk.data())),
+                   NO(Vyrix_UpgradeSoftware(h, 0, 10, 0, nullptr)), NO(Vyrix_SetBrightness(nullptr, 1, kCur)),
+                   NO(Vyrix_GetBrightness(nullptr, &b, kCur)), NO(Vyrix_GetSystemInfo(nullptr, &info)),
+                   NO(Vyrix_DrawTestPattern(nullptr, 0, 0, 0)), NO(Vyrix_CommitAll(nullptr)),
+                   NO(Vyrix_GetFrameRateMode(nullptr, &fr, kCur))});
 }
 
 TEST_F(Operations, LibraryCheckComesFirst) {
     ASSERT_EQ(Vyrix_CloseLibrary(library), 0u);
     uint8_t b;
-    ExpectRefused({{OP(Vyrix_SetBrightness(nullptr, 101, kFactory))},
-                   {OP(Vyrix_GetBrightness(nullptr, nullptr, kCur))},
-                   {OP(Vyrix_GetBrightness(&b, &b, kCur))},
-                   {OP(Vyrix_UpgradeSoftware(nullptr, 0, 5000, 0, nullptr))},
-                   {OP(Vyrix_GetEventLog(nullptr, 300, nullptr))},
-                   {OP(Vyrix_DrawTestPattern(nullptr, 9, 0, 0))}},
+    ExpectRefused({NO(Vyrix_SetBrightness(nullptr, 101, kFactory)), NO(Vyrix_GetBrightness(nullptr, nullptr, kCur)),
+                   NO(Vyrix_GetBrightness(&b, &b, kCur)), NO(Vyrix_UpgradeSoftware(nullptr, 0, 5000, 0, nullptr)),
+                   NO(Vyrix_GetEventLog(nullptr, 300, nullptr)), NO(Vyrix_DrawTestPattern(nullptr, 9, 0, 0))},
                   0x04000000u);
 }
 
@@ -226,16 +216,6 @@ TEST_F(Operations, StatusWordErrorReplyAndShortReply) {
     EXPECT_EQ(Vyrix_GetOutputVideoProperties(connection, &props), 0u);
     EXPECT_EQ(props.width, 640);
     EXPECT_EQ(props.frameRate, 0.0f);  // what the reply lacks reads as zero
-}
-
-TEST_F(Operations, SystemInfoKeepsSixteenCharactersAndANul) {
-    const Bytes text = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 'L', 'M', 'N', 'O', 'P', 'Q'};
-    Vyrix_SystemInfoS info;
-    memset(&info, 0x55, sizeof info);
-    ExpectSent(
-        {{OP(Vyrix_GetSystemInfo(h, &info)), 39, {}, Cat({text, Le(1), Le(2), Le(3), Le(4), Le(5), Le(6), Le(7)})}});
-    EXPECT_STREQ(info.infoText, "ABCDEFGHIJKLMNOP");
-    EXPECT_EQ(std::tie(info.infoWord1, info.infoWord4, info.infoWord7), std::make_tuple(1u, 4u, 7u));
 }
 
 TEST_F(Operations, EventLogEntries) {

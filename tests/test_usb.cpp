@@ -19,18 +19,10 @@ namespace {
 
 using vt::Contains;
 using vt::Log;
-using vt::UsbDeviceSpec;
+using Vyrix = vt::UsbDeviceSpec;
 using Sim = vyrix::sim::DeviceSimulator;
 constexpr Vyrix_ReturnStatus kOk = static_cast<Vyrix_ReturnStatus>(0);
 vt::UsbEmulator* g_usb = nullptr;
-
-UsbDeviceSpec Vyrix(int address, const std::string& serial = "AB12") {
-    UsbDeviceSpec s;
-    s.vendor = VYRIX_USB_VENDOR_ID;
-    s.address = address;
-    s.serial = serial;
-    return s;
-}
 
 std::string UsbLock(int address) {
     char name[64];
@@ -57,10 +49,10 @@ TEST_F(Usb, EnumeratesWithSerialNumbers) {
     EXPECT_EQ(CUsbPort().EnumerateDevices(2, &count, found), 0x16000000u);
     EXPECT_EQ(count, 0u);
     EXPECT_TRUE(Contains(Log(), "<INFO> EnumerateDevices: No Devices Found.\n"));
-    UsbDeviceSpec foreign = Vyrix(3, "ZZ99"), unreadable = Vyrix(5);
+    Vyrix foreign(3, "ZZ99"), unreadable(5);
     foreign.vendor = 0x1234;  // someone else's device
     unreadable.serialReadable = false;
-    for (const UsbDeviceSpec& spec : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(spec);
+    for (const Vyrix& spec : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(spec);
     memset(found, 0x5A, sizeof found);
     testing::internal::CaptureStdout();
     ASSERT_EQ(CUsbPort().EnumerateDevices(5, &count, found), kOk) << Log();
@@ -121,11 +113,11 @@ TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
 // No device, another product, a configuration without interfaces: refused,
 // and no lock file is left.
 TEST_F(Usb, NoDeviceWrongIdentityOrNoInterfaces) {
-    UsbDeviceSpec wrongProduct = Vyrix(2), noInterfaces = Vyrix(3);
+    Vyrix wrongProduct(2), noInterfaces(3);
     wrongProduct.product = 5;
     noInterfaces.interfaces = false;
     EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u);
-    for (const UsbDeviceSpec& spec : {wrongProduct, noInterfaces}) {
+    for (const Vyrix& spec : {wrongProduct, noInterfaces}) {
         g_usb->Add(spec);
         EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u) << spec.address;
         EXPECT_FALSE(vt::FileExists(UsbLock(spec.address)));
@@ -134,7 +126,7 @@ TEST_F(Usb, NoDeviceWrongIdentityOrNoInterfaces) {
 }
 
 TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
-    UsbDeviceSpec inOnly = Vyrix(3, "INONLY");
+    Vyrix inOnly(3, "INONLY");
     inOnly.outEndpoint = false;
     g_usb->Add(Vyrix(2, "GOOD"));
     g_usb->Add(inOnly);
@@ -146,7 +138,7 @@ TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
 // The kernel driver is detached, the OUT endpoint found in the descriptors,
 // and packets go out in 64-byte transfers, the last one padded with zeros.
 TEST_F(Usb, PacketsGoOutIn64ByteTransfersToTheOutEndpoint) {
-    UsbDeviceSpec spec = Vyrix(2);
+    Vyrix spec(2);
     spec.kernelDriver = true;
     spec.outAddress = 0x02;
     auto& dev = g_usb->Add(spec);
@@ -215,51 +207,37 @@ TEST_F(Usb, ReadsEndOnDataDeadlineCancelOrUnplug) {
 }
 
 // The whole stack over USB with the device simulator behind the emulation:
-// each handle reaches its own device; a handle that is not a connection
-// reaches the first open transport, USB first.
-TEST_F(Usb, EachHandleReachesItsOwnDevice) {
-    LogEnd();
-    Sim sim(g_usb->Add(Vyrix(2)).TakeStream());
-    auto serial = Sim::OverPty();
-    void *library = nullptr, *usb = nullptr, *uart = nullptr;
-    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    ASSERT_EQ(Vyrix_OpenConnection(library, &usb, vt::UsbRecord("AB12")), 0u);
-    ASSERT_EQ(Vyrix_OpenConnection(library, &uart, vt::UartRecord(serial->SlavePath().c_str())), 0u);
-    EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);
-    uint8_t b = 0, u = 0;
-    EXPECT_EQ(Vyrix_GetBrightness(usb, &b, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(Vyrix_GetBrightness(uart, &u, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(std::make_tuple(b, u), std::make_tuple(80, 33));  // the USB device was not touched
-    int stranger = 0;
-    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 44, eVYRIX_STORAGE_CURRENT), 0u);  // not a connection: USB first
-    EXPECT_EQ(std::make_tuple(sim.ReceivedCount(), serial->ReceivedCount()), std::make_tuple(2u, 2u));
-    EXPECT_EQ(Vyrix_CloseConnection(usb), 0u);
-    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 55, eVYRIX_STORAGE_CURRENT), 0u);  // now the serial line
-    EXPECT_EQ(serial->ReceivedCount(), 3u);
-    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
-    EXPECT_FALSE(vt::FileExists(UsbLock(2)));
-}
-
-// Two devices of the product: each connection takes the one with its
-// serial number, whatever their order on the bus.
-TEST_F(Usb, TwoDevicesBySerialNumber) {
+// two devices of the product, each connection taking the one with its
+// serial number whatever their order on the bus, and a serial line.  Each
+// handle reaches its own device; a handle that is not a connection reaches
+// the first open transport, USB first.
+TEST_F(Usb, EachHandleReachesItsOwnDeviceBySerialNumber) {
     LogEnd();
     Sim simA(g_usb->Add(Vyrix(2, "AB12")).TakeStream()), simB(g_usb->Add(Vyrix(3, "CD34")).TakeStream());
-    void *library = nullptr, *a = nullptr, *b = nullptr, *again = nullptr;
+    auto serial = Sim::OverPty();
+    void *library = nullptr, *a = nullptr, *b = nullptr, *uart = nullptr, *again = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
     ASSERT_EQ(Vyrix_OpenConnection(library, &b, vt::UsbRecord("CD34")), 0u);
     EXPECT_TRUE(vt::FileExists(UsbLock(3)));
     ASSERT_EQ(Vyrix_OpenConnection(library, &a, vt::UsbRecord("AB12")), 0u);
     EXPECT_EQ(Vyrix_OpenConnection(library, &again, vt::UsbRecord("AB12")), 0x18000000u);  // already open
+    ASSERT_EQ(Vyrix_OpenConnection(library, &uart, vt::UartRecord(serial->SlavePath().c_str())), 0u);
     EXPECT_EQ(Vyrix_SetBrightness(a, 11, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(Vyrix_SetBrightness(b, 22, eVYRIX_STORAGE_CURRENT), 0u);
-    uint8_t value = 0, other = 0;
-    EXPECT_EQ(Vyrix_GetBrightness(a, &value, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(Vyrix_GetBrightness(b, &other, eVYRIX_STORAGE_CURRENT), 0u);
-    EXPECT_EQ(std::make_tuple(value, other, simA.ReceivedCount(), simB.ReceivedCount()),
-              std::make_tuple(11, 22, 2u, 2u));
-    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_EQ(Vyrix_SetBrightness(uart, 33, eVYRIX_STORAGE_CURRENT), 0u);
+    void* handles[] = {a, b, uart};
+    uint8_t got[3] = {};
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Vyrix_GetBrightness(handles[i], &got[i], eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(std::vector<uint8_t>(got, got + 3), (std::vector<uint8_t>{11, 80, 33}));  // b was not touched
+    int stranger = 0;
+    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 44, eVYRIX_STORAGE_CURRENT), 0u);  // not a connection: USB first
+    EXPECT_EQ(std::make_tuple(simA.ReceivedCount() + simB.ReceivedCount(), serial->ReceivedCount()),
+              std::make_tuple(4u, 2u));
+    EXPECT_EQ(std::make_tuple(Vyrix_CloseConnection(a), Vyrix_CloseConnection(b)), std::make_tuple(0u, 0u));
     EXPECT_FALSE(vt::FileExists(UsbLock(2)) || vt::FileExists(UsbLock(3)));
+    EXPECT_EQ(Vyrix_SetBrightness(&stranger, 55, eVYRIX_STORAGE_CURRENT), 0u);  // now the serial line
+    EXPECT_EQ(serial->ReceivedCount(), 3u);
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(vt::SerialLockName(serial->SlavePath())));  // closed with the library
 }
 
 // Faults over USB: the device unplugged in the middle of a command, of a

@@ -11,15 +11,19 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vt {
 
+// A device of the product by default.
 struct UsbDeviceSpec {
-    int address = 2;  // on bus 1
-    uint16_t vendor = 0;
+    explicit UsbDeviceSpec(int address = 2, std::string serial = "AB12")
+        : address(address), serial(std::move(serial)) {}
+    int address;  // on bus 1
+    uint16_t vendor = VYRIX_USB_VENDOR_ID;
     uint16_t product = 4;
-    std::string serial = "AB12";
+    std::string serial;
     bool interfaces = true;      // a configuration without interfaces when false
     bool outEndpoint = true;     // an interface without an OUT endpoint when false
     bool serialReadable = true;  // string requests fail when false
