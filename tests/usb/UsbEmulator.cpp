@@ -231,7 +231,7 @@ private:
             if (setup[2] == 0) reply = {4, 3, 0x09, 0x04};
         }
         reply.resize(std::min(reply.size(), length));
-        memcpy(u.buffer->data + 8, reply.data(), reply.size());
+        if (!reply.empty()) memcpy(u.buffer->data + 8, reply.data(), reply.size());
         f->actual_length = static_cast<int>(reply.size());
         if (reply.empty()) f->status = -EPIPE;
         completed_.push_back(u);
