@@ -70,4 +70,11 @@ typedef uint32_t Vyrix_ReturnStatus;
 /* The code in bits 24..31 of a result word. */
 #define VYRIX_CODE(result) ((uint32_t)(result) >> 24)
 
+/* Compile-time checks of the layouts that cross the interface. */
+#ifdef __cplusplus
+#define VYRIX_LAYOUT(condition) static_assert(condition, #condition)
+#else
+#define VYRIX_LAYOUT(condition) _Static_assert(condition, #condition)
+#endif
+
 #endif /* VYRIX_RC_H */

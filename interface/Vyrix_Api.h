@@ -45,15 +45,6 @@
 
 #include "vyrix_rc.h"
 
-/* Compile-time checks of the layouts that cross the interface. */
-#ifndef VYRIX_LAYOUT
-#ifdef __cplusplus
-#define VYRIX_LAYOUT(condition) static_assert(condition, #condition)
-#else
-#define VYRIX_LAYOUT(condition) _Static_assert(condition, #condition)
-#endif
-#endif
-
 /* ---- Library ---------------------------------------------------------- */
 
 typedef struct Vyrix_LibraryInfoS {

@@ -46,14 +46,6 @@
 
 #include "vyrix_rc.h"
 
-#ifndef VYRIX_LAYOUT
-#ifdef __cplusplus
-#define VYRIX_LAYOUT(condition) static_assert(condition, #condition)
-#else
-#define VYRIX_LAYOUT(condition) _Static_assert(condition, #condition)
-#endif
-#endif
-
 typedef unsigned char BYTE;
 typedef unsigned short WORD;
 typedef unsigned long DWORD;

@@ -52,7 +52,7 @@ TEST_F(Usb, EnumeratesWithSerialNumbers) {
     Vyrix foreign(3, "ZZ99"), unreadable(5);
     foreign.vendor = 0x1234;  // someone else's device
     unreadable.serialReadable = false;
-    for (const Vyrix& spec : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(spec);
+    for (const Vyrix& setup : {Vyrix(2, "AB12"), foreign, Vyrix(4, "CD34"), unreadable}) g_usb->Add(setup);
     memset(found, 0x5A, sizeof found);
     testing::internal::CaptureStdout();
     ASSERT_EQ(CUsbPort().EnumerateDevices(5, &count, found), kOk) << Log();
@@ -117,10 +117,10 @@ TEST_F(Usb, NoDeviceWrongIdentityOrNoInterfaces) {
     wrongProduct.product = 5;
     noInterfaces.interfaces = false;
     EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u);
-    for (const Vyrix& spec : {wrongProduct, noInterfaces}) {
-        g_usb->Add(spec);
-        EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u) << spec.address;
-        EXPECT_FALSE(vt::FileExists(UsbLock(spec.address)));
+    for (const Vyrix& setup : {wrongProduct, noInterfaces}) {
+        g_usb->Add(setup);
+        EXPECT_EQ(CUsbPort().OpenPort(), 0x16000000u) << setup.address;
+        EXPECT_FALSE(vt::FileExists(UsbLock(setup.address)));
     }
     EXPECT_TRUE(Contains(Log(), "<INFO> OpenPort: No Devices Found.\n"));
 }
@@ -138,10 +138,10 @@ TEST_F(Usb, ConfigurationWithoutOutEndpointEndsTheSearch) {
 // The kernel driver is detached, the OUT endpoint found in the descriptors,
 // and packets go out in 64-byte transfers, the last one padded with zeros.
 TEST_F(Usb, PacketsGoOutIn64ByteTransfersToTheOutEndpoint) {
-    Vyrix spec(2);
-    spec.kernelDriver = true;
-    spec.outAddress = 0x02;
-    auto& dev = g_usb->Add(spec);
+    Vyrix setup(2);
+    setup.kernelDriver = true;
+    setup.outAddress = 0x02;
+    auto& dev = g_usb->Add(setup);
     CUsbPort port;
     ASSERT_EQ(port.OpenPort(), kOk) << Log();
     EXPECT_EQ(vyrix_write_ep_.load(), 0x02);

@@ -64,16 +64,16 @@ void Check(bool ok, const char* what, GError* error = nullptr) {
 
 class EmulatedDevice : public UsbEmulator::Device {
 public:
-    EmulatedDevice(UMockdevTestbed* testbed, const UsbDeviceSpec& spec) : testbed_(testbed), spec_(spec) {
+    EmulatedDevice(UMockdevTestbed* testbed, const UsbDeviceSpec& setup) : testbed_(testbed), spec_(setup) {
         char bus[] = "001", dev[8];
-        snprintf(dev, sizeof dev, "%03d", spec.address);
+        snprintf(dev, sizeof dev, "%03d", setup.address);
         devnode_ = std::string("/dev/bus/usb/001/") + dev;
-        syspath_ = "/sys/devices/1-" + std::to_string(spec.address);
+        syspath_ = "/sys/devices/1-" + std::to_string(setup.address);
         const std::string record =
-            "P: /devices/1-" + std::to_string(spec.address) + "\nN: bus/usb/001/" + dev +
+            "P: /devices/1-" + std::to_string(setup.address) + "\nN: bus/usb/001/" + dev +
             "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DEVNAME=" + devnode_ + "\nE: BUSNUM=" + bus +
-            "\nE: DEVNUM=" + dev + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(spec.address) +
-            "\\n\nA: speed=12\\n\nA: bConfigurationValue=1\\n\n" + "H: descriptors=" + Descriptors(spec) + "\n";
+            "\nE: DEVNUM=" + dev + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(setup.address) +
+            "\\n\nA: speed=12\\n\nA: bConfigurationValue=1\\n\n" + "H: descriptors=" + Descriptors(setup) + "\n";
         GError* error = nullptr;
         Check(umockdev_testbed_add_from_string(testbed_, record.c_str(), &error), "add_from_string", error);
         int pair[2];
@@ -327,8 +327,8 @@ UsbEmulator::~UsbEmulator() {
     g_object_unref(static_cast<UMockdevTestbed*>(testbed_));
 }
 
-UsbEmulator::Device& UsbEmulator::Add(const UsbDeviceSpec& spec) {
-    devices_.push_back(std::make_unique<EmulatedDevice>(static_cast<UMockdevTestbed*>(testbed_), spec));
+UsbEmulator::Device& UsbEmulator::Add(const UsbDeviceSpec& setup) {
+    devices_.push_back(std::make_unique<EmulatedDevice>(static_cast<UMockdevTestbed*>(testbed_), setup));
     return *devices_.back();
 }
 

@@ -52,7 +52,7 @@ public:
         // As if the cable were pulled.
         virtual void Unplug() = 0;
     };
-    Device& Add(const UsbDeviceSpec& spec);
+    Device& Add(const UsbDeviceSpec& setup);
 
 private:
     void* testbed_;
