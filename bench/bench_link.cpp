@@ -102,7 +102,8 @@ void BM_IdleOpenPortCpu(benchmark::State& state) {
 }
 BENCHMARK(BM_IdleOpenPortCpu)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Context switches so far of the threads named `name`.
+// Voluntary context switches so far (each a wait the thread went into) of
+// the threads named `name`.
 long ContextSwitches(const std::string& name) {
     long total = 0;
     if (DIR* d = opendir("/proc/self/task")) {
@@ -113,8 +114,7 @@ long ContextSwitches(const std::string& name) {
             if (!std::getline(comm, line) || line != name) continue;
             std::ifstream status(task + "/status");
             while (std::getline(status, line))
-                if (line.find("ctxt_switches:") != std::string::npos)
-                    total += std::stol(line.substr(line.find(':') + 1));
+                if (line.rfind("voluntary_ctxt_switches:", 0) == 0) total += std::stol(line.substr(line.find(':') + 1));
         }
         closedir(d);
     }

@@ -110,7 +110,8 @@ inline int NonGlibThreads() {
     }
     return n;
 }
-// Context switches so far of the threads named `name` (-1: none is there).
+// Voluntary context switches so far (each a wait the thread went into) of
+// the threads named `name`; -1 when none is there.
 inline long ContextSwitches(const std::string& name) {
     long total = -1;
     if (DIR* d = opendir("/proc/self/task")) {
@@ -120,7 +121,8 @@ inline long ContextSwitches(const std::string& name) {
             if (ReadFile(task + "/comm") != name + "\n") continue;
             std::istringstream status(ReadFile(task + "/status"));
             for (std::string line; std::getline(status, line);) {
-                if (line.find("ctxt_switches:") == std::string::npos) continue;
+                // Only the thread's own waits: preemption by others is not a wake-up.
+                if (line.rfind("voluntary_ctxt_switches:", 0) != 0) continue;
                 total = (total < 0 ? 0 : total) + std::stol(line.substr(line.find(':') + 1));
             }
         }
