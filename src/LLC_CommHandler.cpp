@@ -172,7 +172,8 @@ void CCommHandler::DropReplies() {
 Vyrix_ReturnStatus CCommHandler::WriteLocked(const BYTE* packet, size_t length, const char* function) {
     if (m_port == nullptr) {
         LlcLog("<ERROR> %s :Port not opened \n", function);
-        return RC(eVYRIX_FAILURE);
+        // A sender that still held this handler when its port was closed.
+        return m_closing ? RC(eVYRIX_NOT_CONNECTED) : RC(eVYRIX_FAILURE);
     }
     Vyrix_ReturnStatus r =
         m_bConnected ? m_port->WritePort(packet, static_cast<unsigned short>(length)) : RC(eVYRIX_NOT_CONNECTED);
@@ -203,8 +204,8 @@ Vyrix_ReturnStatus CCommHandler::RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* 
         {
             std::lock_guard<std::mutex> lock(m_writeLock);
             Vyrix_ReturnStatus w = WriteLocked(packet.data(), packet.size(), "RetryLastMessage");
-            if (w == RC(eVYRIX_FAILURE) && m_port == nullptr) return w;
-            if (HasCode(w, eVYRIX_NOT_CONNECTED)) return w;
+            // Other write failures are not examined: the wait below decides.
+            if (m_port == nullptr || HasCode(w, eVYRIX_NOT_CONNECTED)) return w;
         }
         pMsg->payloadLen = capacity;
         r = queue.WaitPop(pMsg, CDeadline::After(static_cast<unsigned long>(KT_RESEND_MAX_POLLS) * KT_REMOVE_POLL_MS));
