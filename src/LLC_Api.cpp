@@ -218,8 +218,7 @@ Vyrix_ReturnStatus KtCheckBthSocket(void) { return CheckTransport(eTRANSPORT_BTH
 
 Vyrix_ReturnStatus KtSendMsg(KtXlnkMsgS sMsg) {
     try {
-        KtHandlerRef handler = ChooseHandler("KtSendMsg");
-        return handler ? handler->SendMsg(sMsg) : RC(eVYRIX_NOT_CONNECTED);
+        return LlcSend(nullptr, sMsg);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }
@@ -238,12 +237,9 @@ Vyrix_ReturnStatus KtSendMessage(BYTE ucSourceID, BYTE ucDeviceID, BYTE ucPriori
 
 Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount) {
     try {
-        KtHandlerRef handler = ChooseHandler("KtRemoveMsg");
-        if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
-        if (pMsg != nullptr) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
         // retryCount + 1 periods; a reply that is there is taken at once.
         const unsigned long periods = retryCount < 0 ? 1UL : static_cast<unsigned long>(retryCount) + 1UL;
-        return handler->WaitReply(pMsg, CDeadline::After(periods * KT_REMOVE_POLL_MS));
+        return LlcWaitReply(nullptr, pMsg, periods * KT_REMOVE_POLL_MS);
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }

@@ -60,8 +60,3 @@ void CMsgQueue::MarkDown(Vyrix_ReturnStatus result) {
     }
     m_changed.notify_all();
 }
-
-bool CMsgQueue::IsDown() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_down != RC_OK;
-}

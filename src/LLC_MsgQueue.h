@@ -34,7 +34,6 @@ public:
 
     // From now on waits end with `result` once the queue is empty.
     void MarkDown(Vyrix_ReturnStatus result);
-    bool IsDown();
 
 private:
     struct Message {

@@ -14,4 +14,15 @@ static inline int failed(const char* what, Vyrix_ReturnStatus r) {
     return 1;
 }
 
+/* The record of a serial connection: 57600 8N1, the device's only setting. */
+static inline Vyrix_ConnectionInfoS uart_record(const char* path) {
+    Vyrix_ConnectionInfoS info = {0};
+    info.connectionType = eVYRIX_CONNECTION_UART;
+    info.uartInfo.pPortName = path;
+    info.uartInfo.baudRate = 57600;
+    info.uartInfo.flowControl = 0;
+    info.uartInfo.stopBits = 1;
+    return info;
+}
+
 #endif

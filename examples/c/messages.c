@@ -32,11 +32,7 @@ int main(int argc, char** argv) {
     const int wanted = argc > 2 ? atoi(argv[2]) : 3;
     void* library = NULL;
     if (failed("Vyrix_OpenLibrary", Vyrix_OpenLibrary(&library))) return 1;
-    Vyrix_ConnectionInfoS info = {0};
-    info.connectionType = eVYRIX_CONNECTION_UART;
-    info.uartInfo.pPortName = argv[1];
-    info.uartInfo.baudRate = 57600;
-    info.uartInfo.stopBits = 1;
+    Vyrix_ConnectionInfoS info = uart_record(argv[1]);
     void* connection = NULL;
     int status = failed("Vyrix_OpenConnection", Vyrix_OpenConnection(library, &connection, info)) ||
                  failed("KtRegisterCallback", KtRegisterCallback(on_message));

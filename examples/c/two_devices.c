@@ -36,11 +36,7 @@ int main(int argc, char** argv) {
     Device devices[2] = {{argv[1], NULL, 30, 1}, {argv[2], NULL, 60, 1}};
     int status = 0;
     for (int i = 0; i < 2 && status == 0; ++i) {
-        Vyrix_ConnectionInfoS info = {0};
-        info.connectionType = eVYRIX_CONNECTION_UART;
-        info.uartInfo.pPortName = devices[i].path;
-        info.uartInfo.baudRate = 57600;
-        info.uartInfo.stopBits = 1;
+        Vyrix_ConnectionInfoS info = uart_record(devices[i].path);
         status = failed(devices[i].path, Vyrix_OpenConnection(library, &devices[i].connection, info));
     }
     if (status == 0) {

@@ -15,12 +15,7 @@ int main(int argc, char** argv) {
     printf("built against libVyrix_Api %s\n", VYRIX_VERSION_STRING);
     void* library = NULL;
     if (failed("Vyrix_OpenLibrary", Vyrix_OpenLibrary(&library))) return 1;
-    Vyrix_ConnectionInfoS info = {0};
-    info.connectionType = eVYRIX_CONNECTION_UART;
-    info.uartInfo.pPortName = argv[1];
-    info.uartInfo.baudRate = 57600; /* the only rate the device speaks */
-    info.uartInfo.flowControl = 0;
-    info.uartInfo.stopBits = 1;
+    Vyrix_ConnectionInfoS info = uart_record(argv[1]);
     void* connection = NULL;
     int status = failed("Vyrix_OpenConnection", Vyrix_OpenConnection(library, &connection, info));
     if (status == 0) {
