@@ -6,6 +6,7 @@
 #include <zlib.h>
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -36,6 +37,8 @@ constexpr double kMaxTimeoutS = 86400;
 // After an interrupt has closed the connection, how long the command in
 // flight has to return before the program ends without it.
 constexpr auto kInterruptGrace = std::chrono::milliseconds(100);
+// How often the built-in device sends a message of its own for `monitor`.
+constexpr auto kSimulatedMessagePeriod = std::chrono::milliseconds(500);
 
 std::atomic<bool> g_stop{false};
 std::mutex g_eventMutex;
@@ -231,20 +234,28 @@ int Monitor(Session& session, int count, double seconds, bool json) {
     if (auto* sim = session.Simulator()) {
         // The built-in device has something to say now and then.
         notifier = std::thread([sim] {
-            for (uint32_t n = 1; !g_stop; ++n) {
+            for (uint32_t n = 1;; ++n) {
                 sim->SendUnsolicited(sim->Model().Notification(vyrix::sim::kEventSettingChanged, n));
-                for (int i = 0; i < 5 && !g_stop; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                std::unique_lock<std::mutex> lock(g_eventMutex);
+                if (g_event.wait_for(lock, kSimulatedMessagePeriod, [] { return g_stop.load(); })) return;
             }
         });
     }
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    // Capped so the deadline stays within the clock's range (about 115 days).
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                            std::chrono::duration<double>(std::min(seconds, 1e7)));
     int shown = 0;
     std::vector<uint8_t> buf(KT_XLNK_MAX_PAYLOAD);
-    while (!g_stop && (count <= 0 || shown < count) && (seconds <= 0 || std::chrono::steady_clock::now() < end)) {
+    while (count <= 0 || shown < count) {
         {
+            // Woken by a message or a signal only; --seconds is the deadline.
             std::unique_lock<std::mutex> lock(g_eventMutex);
-            g_event.wait_for(lock, std::chrono::milliseconds(200), [] { return g_pending > 0 || g_stop; });
-            if (g_pending == 0 || g_stop) continue;
+            const auto ready = [] { return g_pending > 0 || g_stop; };
+            if (seconds <= 0)
+                g_event.wait(lock, ready);
+            else if (!g_event.wait_until(lock, end, ready))
+                break;
+            if (g_stop) break;
             --g_pending;
         }
         // This connection's own messages, whatever else the process has open.
@@ -266,6 +277,7 @@ int Monitor(Session& session, int count, double seconds, bool json) {
     {
         std::lock_guard<std::mutex> lock(g_eventMutex);
         g_stop = true;
+        g_event.notify_all();
     }
     if (notifier.joinable()) notifier.join();
     return 0;
