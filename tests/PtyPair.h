@@ -38,9 +38,7 @@ public:
         master_ = -1;
     }
     // The lock file a serial port takes for this terminal.
-    std::string LockName() const {
-        return RuntimeDir() + "/vyrix_llc_com_pts_" + path_.substr(path_.rfind('/') + 1) + ".lock";
-    }
+    std::string LockName() const { return SerialLockName(path_); }
 
 private:
     int master_ = -1;

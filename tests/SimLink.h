@@ -65,10 +65,6 @@ inline Vyrix_ReturnStatus Exchange(int retryCount) {
     return r != 0 ? r : Take(retryCount);
 }
 
-inline std::string SerialLockName(const std::string& path) {
-    return RuntimeDir() + "/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
-}
-
 // Counts the calls of the connectionless callback (process-wide, as the
 // callback is) and lets a test wait for them.
 class CallbackCounter {

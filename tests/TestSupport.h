@@ -40,6 +40,11 @@ inline std::string RuntimeDir() {
 
 inline bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// The lock file a serial port takes for the terminal `path`.
+inline std::string SerialLockName(const std::string& path) {
+    return RuntimeDir() + "/vyrix_llc_com_pts_" + path.substr(path.rfind('/') + 1) + ".lock";
+}
+
 // For EXPECT_TRUE: `part` occurs in `text`, which the failure shows.
 inline ::testing::AssertionResult Contains(const std::string& text, const std::string& part) {
     if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
@@ -82,52 +87,49 @@ inline int CountEntries(const char* dir) {
     }
     return n - 2;
 }
-// The names of the process's threads, for messages.
-inline std::string ThreadNames() {
-    std::string names;
+// Calls `visit(task directory, thread name)` for each thread of the process.
+inline void ForEachThread(const std::function<void(const std::string&, const std::string&)>& visit) {
     if (DIR* d = opendir("/proc/self/task")) {
         while (dirent* e = readdir(d)) {
             if (e->d_name[0] == '.') continue;
-            std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
+            const std::string task = std::string("/proc/self/task/") + e->d_name;
+            std::string comm = ReadFile(task + "/comm");
             if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-            names += std::string(e->d_name) + ":" + comm + " ";
+            visit(task, comm);
         }
         closedir(d);
     }
+}
+// The names of the process's threads, for messages.
+inline std::string ThreadNames() {
+    std::string names;
+    ForEachThread([&](const std::string& task, const std::string& comm) {
+        names += task.substr(task.rfind('/') + 1) + ":" + comm + " ";
+    });
     return names;
 }
 // Threads other than GLib's own (umockdev's workers start and idle out on
 // their own schedule).
 inline int NonGlibThreads() {
     int n = 0;
-    if (DIR* d = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] == '.') continue;
-            const std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
-            if (comm.rfind("pool-", 0) != 0 && comm.rfind("gmain", 0) != 0 && comm.rfind("gdbus", 0) != 0) ++n;
-        }
-        closedir(d);
-    }
+    ForEachThread([&](const std::string&, const std::string& comm) {
+        n += comm.rfind("pool-", 0) != 0 && comm.rfind("gmain", 0) != 0 && comm.rfind("gdbus", 0) != 0;
+    });
     return n;
 }
 // Voluntary context switches so far (each a wait the thread went into) of
 // the threads named `name`; -1 when none is there.
 inline long ContextSwitches(const std::string& name) {
     long total = -1;
-    if (DIR* d = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] == '.') continue;
-            const std::string task = std::string("/proc/self/task/") + e->d_name;
-            if (ReadFile(task + "/comm") != name + "\n") continue;
-            std::istringstream status(ReadFile(task + "/status"));
-            for (std::string line; std::getline(status, line);) {
-                // Only the thread's own waits: preemption by others is not a wake-up.
-                if (line.rfind("voluntary_ctxt_switches:", 0) != 0) continue;
-                total = (total < 0 ? 0 : total) + std::stol(line.substr(line.find(':') + 1));
-            }
+    ForEachThread([&](const std::string& task, const std::string& comm) {
+        if (comm != name) return;
+        std::istringstream status(ReadFile(task + "/status"));
+        for (std::string line; std::getline(status, line);) {
+            // Only the thread's own waits: preemption by others is not a wake-up.
+            if (line.rfind("voluntary_ctxt_switches:", 0) != 0) continue;
+            total = (total < 0 ? 0 : total) + std::stol(line.substr(line.find(':') + 1));
         }
-        closedir(d);
-    }
+    });
     return total;
 }
 inline int OpenFds() { return CountEntries("/proc/self/fd") - 1; }  // less opendir's own

@@ -106,7 +106,7 @@ TEST_F(Faulty, HangUpInTheMiddleOfABulkTransfer) {
     ExpectCleanRecovery();
 }
 
-TEST_F(Faulty, RandomBytesAndDamagedPacketsDeliverNothing) {
+TEST_F(Faulty, NoiseAndDamagedPacketsDoNotBreakTheLink) {
     std::mt19937 rng(11);
     for (int round = 0; round < 50; ++round) {
         Bytes noise(1 + rng() % 300);
@@ -120,16 +120,12 @@ TEST_F(Faulty, RandomBytesAndDamagedPacketsDeliverNothing) {
     ASSERT_TRUE(vt::Eventually([&] { return vt::Occurrences(vt::Log(), "Invalid checksum") == 50; }))
         << vt::Occurrences(vt::Log(), "Invalid checksum");
     EXPECT_EQ(Brightness(), 0u);
-    ExpectCleanRecovery();
-}
-
-TEST_F(Faulty, ArbitraryBytesIncludingStartBytesDoNotBreakTheLink) {
-    std::mt19937 rng(12);
+    // Arbitrary bytes, start bytes among them: a header made of noise may
+    // claim up to 4095 payload bytes and swallow the reply; the line going
+    // quiet gives it back.
     Bytes noise(20000);
     for (auto& b : noise) b = static_cast<uint8_t>(rng());
     sim->SendRaw(noise);
-    // A header made of noise may claim up to 4095 payload bytes and swallow
-    // the reply; the line going quiet gives it back.
     EXPECT_EQ(Brightness(), 0u);
     ExpectCleanRecovery();
 }
