@@ -65,6 +65,7 @@ Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned cha
     if (pData == nullptr && dataSize > 0) return Result(eVYRIX_INVALID_ARGUMENT);
     std::unique_ptr<unsigned char[]> buf(new (std::nothrow) unsigned char[kChunkBufferSize]);
     if (!buf) return Result(eVYRIX_FAILURE);
+    const CommandRoute route = DefaultRoute();
     maxIndexFlag = ChunkLimit(dataSize);
     unsigned int offset = 0;
     unsigned short index = 0;
@@ -76,13 +77,14 @@ Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned cha
         const unsigned length = remaining < want ? remaining : want;
         const unsigned payloadLen =
             BuildChunk(buf.get(), opcode, index, pData + offset, length, target, position, size);
+        const bool lastDeviceChunk =
+            opcode != kImageOpcode && index == maxIndexFlag.load() && deviceId == eEP_DEVICE;
         for (int attempt = 0; attempt < kChunkAttempts; ++attempt) {
-            Vyrix_ReturnStatus sent = SendXlnkMsg(opcode, buf.get(), static_cast<unsigned short>(payloadLen), deviceId);
-            if (sent != eVYRIX_RETURN_SUCCESS) return sent;
-            if (opcode != kImageOpcode && index == maxIndexFlag.load() && deviceId == eEP_DEVICE)
-                KtSleep(kLastChunkPauseMs);
-            result = GetAck();
+            bool sent = false;
+            result = PayloadExchange(route, buf.get(), static_cast<unsigned short>(payloadLen), deviceId, nullptr,
+                                     nullptr, lastDeviceChunk ? kLastChunkPauseMs : 0, &sent);
             if (result == eVYRIX_RETURN_SUCCESS) break;
+            if (!sent) return result;
             if (VYRIX_CODE(result) == eVYRIX_INCOMPLETE) KtSleep(kIncompletePauseMs);
         }
         offset += length;
@@ -112,10 +114,8 @@ Vyrix_ReturnStatus AlcDrawText(Vyrix_RenderTargetE target, const unsigned char* 
     memcpy(buf.get() + 11, &foreground, sizeof foreground);
     memcpy(buf.get() + 15, &background, sizeof background);
     memcpy(buf.get() + kDrawTextHeader, pText, n);
-    Vyrix_ReturnStatus r =
-        SendXlnkMsg(kDrawTextOpcode, buf.get(), static_cast<unsigned short>(kDrawTextHeader + n), eEP_DEVICE);
-    buf.reset();
-    return r == eVYRIX_RETURN_SUCCESS ? GetAck() : r;
+    return PayloadExchange(DefaultRoute(), buf.get(), static_cast<unsigned short>(kDrawTextHeader + n), eEP_DEVICE,
+                           nullptr, nullptr);
 }
 
 Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen, Vyrix_RectSizeS* pSize) {
@@ -126,13 +126,11 @@ Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen
     buf[3] = kTextBoxOpcode;
     PutLe16(buf.get() + 4, static_cast<uint16_t>(n));
     memcpy(buf.get() + kTextBoxHeader, pText, n);
-    Vyrix_ReturnStatus r =
-        SendXlnkMsg(kTextBoxOpcode, buf.get(), static_cast<unsigned short>(kTextBoxHeader + n), eEP_DEVICE);
-    buf.reset();
-    if (r != eVYRIX_RETURN_SUCCESS) return r;
     unsigned char* reply = nullptr;
-    unsigned short length = kReplyCapacity;
-    r = GetReply(&reply, &length, ePROTOCOL_CONNECTION_ORIENTED);
+    unsigned short length = 0;
+    Vyrix_ReturnStatus r = PayloadExchange(DefaultRoute(), buf.get(),
+                                           static_cast<unsigned short>(kTextBoxHeader + n), eEP_DEVICE, &reply, &length);
+    buf.reset();
     if (r != eVYRIX_RETURN_SUCCESS) {
         delete[] reply;  // an error reply is returned unread
         return r;

@@ -56,9 +56,128 @@ void CopyMemory(void* pDst, void* pSrc, int count) {
     for (int i = 0; i < count; ++i) dst[i] = src[i];
 }
 
-Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
-                                                unsigned char** ppReply, unsigned short* pReplyLen,
-                                                KtXlnkDeviceIdE deviceId) {
+namespace {
+// Fills the markers and the next sequence number into a command payload.
+// 0, or 0x4000000 when the library is closed.
+Vyrix_ReturnStatus StampCommand(unsigned char* pPayload, uint8_t* pSequence) {
+    pPayload[0] = kCommandMarker;
+    pPayload[1] = kCommandMarker;
+    LibraryLock lock;
+    Vyrix_LibraryContext* context = g_pLibCtx;
+    if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    uint8_t& sequence = context->sequenceNumber;
+    sequence = static_cast<uint8_t>(sequence + 1);
+    if (sequence > kMaxSequenceNumber) sequence = 1;
+    pPayload[2] = sequence & kSequenceMask;
+    *pSequence = sequence;
+    return eVYRIX_RETURN_SUCCESS;
+}
+
+// Sends one command on the link (null: the first open transport's port, as
+// KtSendMsg chooses), after dropping the stale replies queued there.
+Vyrix_ReturnStatus SendOn(const KtHandlerRef& link, unsigned char* pPayload, unsigned short payloadLen,
+                          KtXlnkDeviceIdE deviceId) {
+    if (deviceId != eEP_DEVICE && deviceId != eAP_DEVICE) return Result(eVYRIX_INVALID_ARGUMENT);
+    if (pPayload == nullptr || payloadLen < kCommandHeader) return Result(eVYRIX_INVALID_ARGUMENT);
+    uint8_t sequence = 0;
+    Vyrix_ReturnStatus r = StampCommand(pPayload, &sequence);
+    if (r != eVYRIX_RETURN_SUCCESS) return r;
+    if (link) link->SetLastSequence(sequence);
+    LlcDropReplies(link);
+    KtXlnkMsgS record{eHOST_DEVICE, static_cast<BYTE>(deviceId), 0, ePROTOCOL_CONNECTION_ORIENTED, payloadLen,
+                      pPayload};
+    return link ? LlcSend(link, record) : KtSendMsg(record);
+}
+
+// The checks of a reply, against the sequence number of the command it
+// answers.
+Vyrix_ReturnStatus CheckReply(const KtXlnkMsgS& msg, uint8_t expected) {
+    if ((msg.deviceID != eHOST_DEVICE && msg.deviceID != eAP_DEVICE) || msg.priority != 0 ||
+        msg.protocolID > ePROTOCOL_CONNECTION_ORIENTED)
+        return Result(eVYRIX_FAILURE);
+    const unsigned char* p = msg.pPayload;
+    if (p == nullptr || msg.payloadLen < 2) return Result(eVYRIX_FAILURE);
+    const bool markers =
+        (p[0] == kCommandMarker && p[1] == kCommandMarker) || (p[0] == kAltReplyMarker && p[1] == kAltReplyMarker);
+    if (!markers) return Result(eVYRIX_FAILURE);
+    if (msg.protocolID == ePROTOCOL_CONNECTIONLESS) return eVYRIX_RETURN_SUCCESS;
+    if (msg.payloadLen < 3) return Result(eVYRIX_FAILURE);
+    const uint8_t type = p[2] >> kReplyTypeShift;
+    if (type == kReplyTypeError) return Result(eVYRIX_COMMUNICATION_ERROR);
+    if (type != kReplyTypeReply) return Result(eVYRIX_FAILURE);
+    return (p[2] & kSequenceMask) == expected ? eVYRIX_RETURN_SUCCESS : Result(eVYRIX_FAILURE);
+}
+
+// The sequence number a reply that names no command is checked against:
+// the last one sent on the first open transport's port, or in the library.
+uint8_t DefaultExpectedSequence() {
+    KtHandlerRef link = LlcDefaultLink();
+    if (link) return link->LastSequence();
+    LibraryLock lock;
+    Vyrix_LibraryContext* context = g_pLibCtx;
+    return context != nullptr ? context->sequenceNumber : 0;
+}
+
+// Takes the reply from the link into a new buffer and checks it.
+Vyrix_ReturnStatus ReplyOn(const KtHandlerRef& link, uint8_t expected, const CDeadline& deadline,
+                           unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId) {
+    if (ppReply == nullptr || pReplyLen == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+    // The receive functions may fill up to a whole payload, whatever the
+    // capacity asked for: the buffer always has room for it.
+    const size_t room = *pReplyLen > kReplyCapacity ? *pReplyLen : kReplyCapacity;
+    *ppReply = new unsigned char[room]();
+    KtXlnkMsgS record{};
+    record.payloadLen = *pReplyLen;
+    record.pPayload = *ppReply;
+    Vyrix_ReturnStatus r;
+    if (protocolId == ePROTOCOL_CONNECTION_ORIENTED)
+        r = LlcWaitReply(link, &record, deadline);
+    else if (protocolId == ePROTOCOL_CONNECTIONLESS)
+        r = LlcTakeMessage(link, &record);
+    else
+        r = Result(eVYRIX_FAILURE);
+    if (r != eVYRIX_RETURN_SUCCESS) return r;
+    if (record.payloadLen > *pReplyLen) return Result(eVYRIX_FAILURE);
+    r = CheckReply(record, expected);
+    if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_COMMUNICATION_ERROR)) *pReplyLen = record.payloadLen;
+    return r;
+}
+}  // namespace
+
+unsigned long DefaultReplyTimeoutMs() { return (static_cast<unsigned long>(kReplyRetryCount) + 1) * KT_REMOVE_POLL_MS; }
+
+Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPayload, unsigned short payloadLen,
+                                   KtXlnkDeviceIdE deviceId, unsigned char** ppReply, unsigned short* pReplyLen,
+                                   unsigned long pauseBeforeReplyMs, bool* pSent) {
+    if (pSent != nullptr) *pSent = false;
+    const KtHandlerRef& link = route.link;
+    const CDeadline deadline = CDeadline::After(route.replyTimeoutMs);
+    std::unique_ptr<CCommandTurn> turn;
+    if (link) {
+        turn.reset(new CCommandTurn(link->Gate(), deadline));
+        // A link that is down lets the send below report it, as it always has.
+        if (turn->Result() != eVYRIX_RETURN_SUCCESS && !HasCode(turn->Result(), eVYRIX_NOT_CONNECTED))
+            return turn->Result();
+    }
+    Vyrix_ReturnStatus r = SendOn(link, pPayload, payloadLen, deviceId);
+    if (r != eVYRIX_RETURN_SUCCESS) return r;
+    if (pSent != nullptr) *pSent = true;
+    const uint8_t expected = static_cast<uint8_t>(pPayload[2] & kSequenceMask);
+    if (pauseBeforeReplyMs > 0) KtSleep(pauseBeforeReplyMs);
+    unsigned char* ack = nullptr;
+    unsigned short ackLength = kReplyCapacity;
+    if (ppReply == nullptr) {
+        r = ReplyOn(link, expected, deadline, &ack, &ackLength, ePROTOCOL_CONNECTION_ORIENTED);
+        delete[] ack;
+        return r;
+    }
+    *pReplyLen = kReplyCapacity;
+    return ReplyOn(link, expected, deadline, ppReply, pReplyLen, ePROTOCOL_CONNECTION_ORIENTED);
+}
+
+Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams,
+                                   int numParams, unsigned char** ppReply, unsigned short* pReplyLen,
+                                   KtXlnkDeviceIdE deviceId) {
     if (ppReply != nullptr) *ppReply = nullptr;
     if (pReplyLen != nullptr) *pReplyLen = 0;
     size_t length = kCommandHeader;
@@ -72,14 +191,15 @@ Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_Data
     unsigned char* at = payload.get() + kCommandHeader;
     if (pParams != nullptr)
         for (int i = 0; i < numParams; ++i) at += EncodeParam(pParams[i], at);
-    Vyrix_ReturnStatus r = SendXlnkMsg(opcode, payload.get(), static_cast<unsigned short>(length), deviceId);
-    payload.reset();
-    if (r != eVYRIX_RETURN_SUCCESS) return r;
-    if (ppReply != nullptr && pReplyLen != nullptr) {
-        *pReplyLen = kReplyCapacity;
-        return GetReply(ppReply, pReplyLen, ePROTOCOL_CONNECTION_ORIENTED);
-    }
-    return GetAck();
+    const bool wantReply = ppReply != nullptr && pReplyLen != nullptr;
+    return PayloadExchange(route, payload.get(), static_cast<unsigned short>(length), deviceId,
+                           wantReply ? ppReply : nullptr, wantReply ? pReplyLen : nullptr);
+}
+
+Vyrix_ReturnStatus AlcSendCommandParamsGetReply(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                                unsigned char** ppReply, unsigned short* pReplyLen,
+                                                KtXlnkDeviceIdE deviceId) {
+    return CommandExchange(DefaultRoute(), opcode, pParams, numParams, ppReply, pReplyLen, deviceId);
 }
 
 Vyrix_ReturnStatus AlcSendCommandParams(unsigned char opcode, Vyrix_DataS* pParams, int numParams,
@@ -94,76 +214,18 @@ Vyrix_ReturnStatus AlcSendCommandGetReply(unsigned char opcode, unsigned char** 
 
 Vyrix_ReturnStatus SendXlnkMsg(unsigned char /*opcode*/, unsigned char* pPayload, unsigned short payloadLen,
                                KtXlnkDeviceIdE deviceId) {
-    if (deviceId != eEP_DEVICE && deviceId != eAP_DEVICE) return Result(eVYRIX_INVALID_ARGUMENT);
-    if (pPayload == nullptr || payloadLen < kCommandHeader) return Result(eVYRIX_INVALID_ARGUMENT);
-    if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
-    KtXlnkMsgS record{eHOST_DEVICE, static_cast<BYTE>(deviceId), 0, ePROTOCOL_CONNECTION_ORIENTED, payloadLen,
-                      pPayload};
-    pPayload[0] = kCommandMarker;
-    pPayload[1] = kCommandMarker;
-    const CommandRoute& route = ConnectionScope::Current();
-    {
-        // The numbers count on across connections; each connection
-        // remembers its own last one, so two devices driven from two
-        // threads never take each other's replies for their own.
-        LibraryLock lock;
-        uint8_t& sequence = g_pLibCtx->sequenceNumber;
-        sequence = static_cast<uint8_t>(sequence + 1);
-        if (sequence > kMaxSequenceNumber) sequence = 1;
-        pPayload[2] = sequence & kSequenceMask;
-        if (route.connection != nullptr) route.connection->sequenceNumber = sequence;
-    }
-    FlushMsgQueue();
-    return route.link ? LlcSend(route.link, record) : KtSendMsg(record);
+    return SendOn(LlcDefaultLink(), pPayload, payloadLen, deviceId);
 }
 
-void FlushMsgQueue() { LlcDropReplies(ConnectionScope::Current().link); }
+void FlushMsgQueue() { LlcDropReplies(nullptr); }
 
 Vyrix_ReturnStatus GetReply(unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkProtocolIdE protocolId) {
-    if (ppReply == nullptr || pReplyLen == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
-    // The receive functions may fill up to a whole payload, whatever the
-    // capacity asked for: the buffer always has room for it.
-    const size_t room = *pReplyLen > kReplyCapacity ? *pReplyLen : kReplyCapacity;
-    *ppReply = new unsigned char[room]();
-    KtXlnkMsgS record{};
-    record.payloadLen = *pReplyLen;
-    record.pPayload = *ppReply;
-    Vyrix_ReturnStatus r;
-    if (protocolId == ePROTOCOL_CONNECTION_ORIENTED)
-        r = LlcWaitReply(ConnectionScope::Current().link, &record, ConnectionScope::ReplyTimeoutMs());
-    else if (protocolId == ePROTOCOL_CONNECTIONLESS)
-        r = KtRemoveConnectionlessMsg(&record);
-    else
-        r = Result(eVYRIX_FAILURE);
-    if (r != eVYRIX_RETURN_SUCCESS) return r;
-    if (record.payloadLen > *pReplyLen) return Result(eVYRIX_FAILURE);
-    r = ValidateReply(record);
-    if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_COMMUNICATION_ERROR)) *pReplyLen = record.payloadLen;
-    return r;
+    KtHandlerRef link = LlcDefaultLink();
+    const uint8_t expected = DefaultExpectedSequence();
+    return ReplyOn(link, expected, CDeadline::After(DefaultReplyTimeoutMs()), ppReply, pReplyLen, protocolId);
 }
 
-Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg) {
-    if ((msg.deviceID != eHOST_DEVICE && msg.deviceID != eAP_DEVICE) || msg.priority != 0 ||
-        msg.protocolID > ePROTOCOL_CONNECTION_ORIENTED)
-        return Result(eVYRIX_FAILURE);
-    const unsigned char* p = msg.pPayload;
-    if (p == nullptr || msg.payloadLen < 2) return Result(eVYRIX_FAILURE);
-    const bool markers =
-        (p[0] == kCommandMarker && p[1] == kCommandMarker) || (p[0] == kAltReplyMarker && p[1] == kAltReplyMarker);
-    if (!markers) return Result(eVYRIX_FAILURE);
-    if (msg.protocolID == ePROTOCOL_CONNECTIONLESS) return eVYRIX_RETURN_SUCCESS;
-    if (msg.payloadLen < 3) return Result(eVYRIX_FAILURE);
-    const uint8_t type = p[2] >> kReplyTypeShift;
-    if (type == kReplyTypeError) return Result(eVYRIX_COMMUNICATION_ERROR);
-    if (type != kReplyTypeReply) return Result(eVYRIX_FAILURE);
-    uint8_t expected;
-    {
-        LibraryLock lock;
-        const Vyrix_Connection* connection = ConnectionScope::Current().connection;
-        expected = connection != nullptr ? connection->sequenceNumber : g_pLibCtx ? g_pLibCtx->sequenceNumber : 0;
-    }
-    return (p[2] & kSequenceMask) == expected ? eVYRIX_RETURN_SUCCESS : Result(eVYRIX_FAILURE);
-}
+Vyrix_ReturnStatus ValidateReply(KtXlnkMsgS msg) { return CheckReply(msg, DefaultExpectedSequence()); }
 
 Vyrix_ReturnStatus GetAck() {
     unsigned char* reply = nullptr;

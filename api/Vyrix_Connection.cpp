@@ -91,11 +91,11 @@ private:
 };
 
 RecordPool& Records() {
-    static RecordPool pool;
-    return pool;
+    // Never destroyed: threads may still open or close connections while
+    // the process exits.
+    static RecordPool* pool = new RecordPool();
+    return *pool;
 }
-
-thread_local CommandRoute t_route;
 
 KtTransportE TransportOf(const Vyrix_ConnectionInfoS& info) {
     switch (info.connectionType) {
@@ -120,33 +120,41 @@ Vyrix_ReturnStatus OpenPortFor(const Vyrix_ConnectionInfoS& info, KtHandlerRef* 
 }
 }  // namespace
 
-void RetireConnection(Vyrix_Connection* record) { Records().Retire(record); }
+void RetireConnection(Vyrix_Connection* record) {
+    LlcReleaseLink(record->link);
+    Records().Retire(record);
+}
 
 Vyrix_Connection* FindConnection(const void* handle) {
-    if (g_pLibCtx == nullptr || handle == nullptr) return nullptr;
-    for (Vyrix_Connection* entry : g_pLibCtx->connections)
+    Vyrix_LibraryContext* context = g_pLibCtx;
+    if (context == nullptr || handle == nullptr) return nullptr;
+    for (Vyrix_Connection* entry : context->connections)
         if (entry == handle) return entry;
     return nullptr;
 }
 
-ConnectionScope::ConnectionScope(const void* handle) : m_saved(t_route) {
-    LibraryLock lock;
-    Vyrix_Connection* entry = FindConnection(handle);
-    t_route = entry != nullptr ? CommandRoute{entry, entry->link, entry->replyTimeoutMs} : CommandRoute{};
-}
+CommandRoute DefaultRoute() { return CommandRoute{LlcDefaultLink(), DefaultReplyTimeoutMs()}; }
 
-ConnectionScope::~ConnectionScope() { t_route = m_saved; }
-
-const CommandRoute& ConnectionScope::Current() { return t_route; }
-
-unsigned long ConnectionScope::ReplyTimeoutMs() {
-    if (t_route.replyTimeoutMs != 0) return t_route.replyTimeoutMs;
-    return (static_cast<unsigned long>(kReplyRetryCount) + 1) * KT_REMOVE_POLL_MS;
+Vyrix_ReturnStatus RouteFor(const void* handle, CommandRoute* pRoute) {
+    {
+        LibraryLock lock;
+        if (g_pLibCtx.load() == nullptr) return Result(eVYRIX_UNINITIALIZED);
+        Vyrix_Connection* entry = FindConnection(handle);
+        if (entry != nullptr) {
+            pRoute->link = entry->link;
+            pRoute->replyTimeoutMs = entry->replyTimeoutMs != 0 ? entry->replyTimeoutMs : DefaultReplyTimeoutMs();
+            return eVYRIX_RETURN_SUCCESS;
+        }
+    }
+    *pRoute = DefaultRoute();
+    return eVYRIX_RETURN_SUCCESS;
 }
 
 Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex) {
     LibraryLock lock;
-    const std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
+    Vyrix_LibraryContext* context = g_pLibCtx;
+    if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    const std::vector<Vyrix_Connection*>& table = context->connections;
     for (size_t i = 0; i < table.size(); ++i) {
         if (SameDevice(table[i]->info, connectionInfo)) {
             *pIndex = static_cast<unsigned int>(i);
@@ -158,14 +166,14 @@ Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo
 }
 
 Vyrix_ReturnStatus CloseConnection(unsigned int index) {
-    if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
-    std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
+    Vyrix_LibraryContext* context = g_pLibCtx;
+    if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    std::vector<Vyrix_Connection*>& table = context->connections;
     if (index >= table.size()) return Result(eVYRIX_INVALID_ARGUMENT);
     Vyrix_Connection* entry = table[index];
     Vyrix_ReturnStatus r = LlcCloseLink(TransportOf(entry->info), entry->link);
     if (r == eVYRIX_RETURN_SUCCESS) {
-        entry->link.reset();
-        Records().Retire(entry);
+        RetireConnection(entry);
         table.erase(table.begin() + index);
     }
     return r;
@@ -188,13 +196,19 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
             return Result(eVYRIX_INVALID_ARGUMENT);
         const Vyrix_ConnectionInfoS info = Normalised(connectionInfo);
         unsigned int index = 0;
-        if (GetConnectionHandleIndex(info, &index) == Result(eVYRIX_ALREADY_OPENED))
-            return Result(eVYRIX_ALREADY_OPENED);
+        const Vyrix_ReturnStatus known = GetConnectionHandleIndex(info, &index);
+        if (known != Result(eVYRIX_NOT_CONNECTED)) return known;
         Vyrix_Connection* stored = Records().Take();
+        Vyrix_LibraryContext* library = nullptr;
         {
             // Room first, so the append below cannot fail once a port is open.
             LibraryLock lock;
-            g_pLibCtx->connections.reserve(g_pLibCtx->connections.size() + 1);
+            library = g_pLibCtx;
+            if (library == nullptr) {
+                Records().Retire(stored);
+                return Result(eVYRIX_UNINITIALIZED);
+            }
+            library->connections.reserve(library->connections.size() + 1);
         }
         // The port opens outside the library lock; the lock file keeps two
         // opens of one device apart.
@@ -206,10 +220,17 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
         stored->info = info;
         {
             LibraryLock lock;
-            g_pLibCtx->connections.push_back(stored);
+            if (g_pLibCtx.load() == library) {
+                library->connections.push_back(stored);
+                *ppConnHandle = stored;
+                return eVYRIX_RETURN_SUCCESS;
+            }
         }
-        *ppConnHandle = stored;
-        return eVYRIX_RETURN_SUCCESS;
+        // The library was closed (and maybe reopened) while the port opened: the
+        // port goes again, so nothing is left that no table knows of.
+        LlcCloseLink(TransportOf(info), stored->link);
+        RetireConnection(stored);
+        return Result(eVYRIX_UNINITIALIZED);
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
     }
@@ -220,7 +241,9 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle) {
     if (connHandle == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
         LibraryLock lock;
-        const std::vector<Vyrix_Connection*>& table = g_pLibCtx->connections;
+        Vyrix_LibraryContext* context = g_pLibCtx;
+        if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
+        const std::vector<Vyrix_Connection*>& table = context->connections;
         for (size_t i = 0; i < table.size(); ++i)
             if (table[i] == connHandle) return CloseConnection(static_cast<unsigned int>(i));
         return Result(eVYRIX_INVALID_ARGUMENT);
@@ -261,6 +284,26 @@ extern "C" Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint
             if (pSource != nullptr) *pSource = msg.sourceID;
         }
         return r;
+    } catch (...) {
+        return Result(eVYRIX_INTERNAL_ERROR);
+    }
+}
+
+extern "C" Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_LinkStatisticsS* pStats) {
+    if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
+    if (pStats == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+    try {
+        KtHandlerRef link;
+        {
+            LibraryLock lock;
+            Vyrix_Connection* entry = FindConnection(connHandle);
+            if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
+            link = entry->link;
+        }
+        const KtLinkCountersS c = link ? link->Counters() : KtLinkCountersS{};
+        *pStats = Vyrix_LinkStatisticsS{c.packetsSent, c.packetsReceived, c.bytesSent,        c.bytesReceived,
+                                        c.resends,     c.packetsDiscarded, c.messagesDropped, c.linkDowns};
+        return eVYRIX_RETURN_SUCCESS;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
     }

@@ -4,6 +4,7 @@
 #ifndef VYRIX_INTERNAL_H
 #define VYRIX_INTERNAL_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -20,7 +21,6 @@ class CCommHandler;
 struct Vyrix_Connection {
     Vyrix_ConnectionInfoS info;
     unsigned int replyTimeoutMs = 0;     // 0: the default
-    uint8_t sequenceNumber = 0;          // of the last command sent on it
     std::shared_ptr<CCommHandler> link;  // the port its commands travel over
 };
 
@@ -29,8 +29,14 @@ struct Vyrix_LibraryContext {
     uint8_t sequenceNumber = 0;                  // of the last command sent
 };
 
-extern Vyrix_LibraryContext* g_pLibCtx;  // null while the library is closed
-extern void* g_pSyncObj;                 // the library lock; exists while open
+// Null while the library is closed.  Read without the library lock by the
+// "is the library open" test of every operation, so atomic; the context
+// itself is only used under the lock.
+extern std::atomic<Vyrix_LibraryContext*> g_pLibCtx;
+// The library lock while the library is open, else null.  The lock itself
+// lives as long as the process, so a thread still in an operation when
+// another closes the library never meets a destroyed lock.
+extern void* g_pSyncObj;
 
 constexpr uint8_t kLibraryMajor = VYRIX_VERSION_MAJOR;
 constexpr uint8_t kLibraryMinor = VYRIX_VERSION_MINOR;
@@ -66,31 +72,20 @@ Vyrix_Connection* FindConnection(const void* handle);
 // Puts a record that leaves the table aside (it is not freed for reuse).
 void RetireConnection(Vyrix_Connection* record);
 
-// Where an operation's command goes: the connection its handle names (its
-// port, sequence number and reply time-out), or, for a handle that is not
-// in the table, nothing: the first open transport, as the link layer
-// chooses.
+// Where one command goes and how long it may take: the link of the
+// connection a handle names, with its reply time-out.  A handle that is not
+// an open connection reaches the first open transport's port with the
+// default time-out; with no port open the link is null and the command
+// fails as the link layer says.
 struct CommandRoute {
-    Vyrix_Connection* connection = nullptr;
     std::shared_ptr<CCommHandler> link;
-    unsigned int replyTimeoutMs = 0;
+    unsigned long replyTimeoutMs = 0;
 };
-
-// Sets the route of the operations on this thread for its lifetime.
-class ConnectionScope {
-public:
-    explicit ConnectionScope(const void* handle);
-    ~ConnectionScope();
-    ConnectionScope(const ConnectionScope&) = delete;
-    ConnectionScope& operator=(const ConnectionScope&) = delete;
-
-    static const CommandRoute& Current();
-    // How long the current command waits for its reply, in milliseconds.
-    static unsigned long ReplyTimeoutMs();
-
-private:
-    CommandRoute m_saved;
-};
+// 0, or 0x4000000 when the library was closed meanwhile.
+Vyrix_ReturnStatus RouteFor(const void* handle, CommandRoute* pRoute);
+CommandRoute DefaultRoute();
+// How long a command waits for its reply unless its connection says else.
+unsigned long DefaultReplyTimeoutMs();
 
 VYRIX_API Vyrix_ReturnStatus GetConnectionHandleIndex(Vyrix_ConnectionInfoS connectionInfo, unsigned int* pIndex);
 VYRIX_API Vyrix_ReturnStatus CloseConnection(unsigned int index);
@@ -114,6 +109,22 @@ VYRIX_API void CopyMemory(void* pDst, void* pSrc, int count);
 
 // Encoded size of one parameter record (0 for tags that contribute nothing).
 unsigned EncodedSize(const Vyrix_DataS& param);
+
+// The command layer on a route.  One command at a time per link: each holds
+// the link's gate from its send to the end of its reply, waiting for its
+// turn within its reply time-out.
+// Builds the command payload from typed parameters and exchanges it; with
+// ppReply null only the acknowledgement is awaited.
+Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams,
+                                   int numParams, unsigned char** ppReply, unsigned short* pReplyLen,
+                                   KtXlnkDeviceIdE deviceId);
+// Sends a built payload (its first four bytes are filled in here) and waits
+// for its reply; `pauseBeforeReplyMs` passes between the two with the gate
+// held.  ppReply null: the acknowledgement only.  *pSent (if given) tells
+// whether the command went out, so a failure is the reply's.
+Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPayload, unsigned short payloadLen,
+                                   KtXlnkDeviceIdE deviceId, unsigned char** ppReply, unsigned short* pReplyLen,
+                                   unsigned long pauseBeforeReplyMs = 0, bool* pSent = nullptr);
 
 // The steps every device operation takes with a reply: a command-layer
 // failure other than an error reply is returned; a non-zero reply status

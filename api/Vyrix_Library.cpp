@@ -3,28 +3,47 @@
 
 #include <new>
 
-Vyrix_LibraryContext* g_pLibCtx = nullptr;
+#include "LLC_ForkGuard.h"
+
+std::atomic<Vyrix_LibraryContext*> g_pLibCtx{nullptr};
 void* g_pSyncObj = nullptr;
 
 namespace {
 constexpr Vyrix_ReturnStatus Result(Vyrix_ReturnCodeE code) { return VYRIX_RESULT(code); }
+
+void LockLibrary();
+void UnlockLibrary();
+
+// The library lock, made once and kept for the life of the process.
+void* TheLibraryLock() {
+    static void* lock = [] {
+        void* made = nullptr;
+        KtCreateSyncObject(&made);
+        CForkGuard::Register(CForkGuard::eRANK_LIBRARY, LockLibrary, UnlockLibrary, UnlockLibrary);
+        return made;
+    }();
+    return lock;
+}
+
+void LockLibrary() { KtLockSyncObject(TheLibraryLock()); }
+void UnlockLibrary() { KtUnlockSyncObject(TheLibraryLock()); }
 }  // namespace
 
-LibraryLock::LibraryLock() { KtLockSyncObject(g_pSyncObj); }
-LibraryLock::~LibraryLock() { KtUnlockSyncObject(g_pSyncObj); }
+LibraryLock::LibraryLock() { LockLibrary(); }
+LibraryLock::~LibraryLock() { UnlockLibrary(); }
 
 extern "C" Vyrix_ReturnStatus Vyrix_OpenLibrary(void** ppLibHandle) {
     if (g_pLibCtx != nullptr) return Result(eVYRIX_ALREADY_OPENED);
     if (ppLibHandle == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
-        KtCreateSyncObject(&g_pSyncObj);
-        if (g_pSyncObj == nullptr) return Result(eVYRIX_FAILURE);
+        if (TheLibraryLock() == nullptr) return Result(eVYRIX_FAILURE);
         LibraryLock lock;
-        g_pLibCtx = new (std::nothrow) Vyrix_LibraryContext();
-        if (g_pLibCtx == nullptr) return Result(eVYRIX_FAILURE);
-        g_pLibCtx->connections.clear();
-        g_pLibCtx->sequenceNumber = 0;
-        *ppLibHandle = g_pLibCtx;
+        if (g_pLibCtx != nullptr) return Result(eVYRIX_ALREADY_OPENED);  // another thread was quicker
+        Vyrix_LibraryContext* context = new (std::nothrow) Vyrix_LibraryContext();
+        if (context == nullptr) return Result(eVYRIX_FAILURE);
+        g_pSyncObj = TheLibraryLock();
+        g_pLibCtx = context;
+        *ppLibHandle = context;
         return eVYRIX_RETURN_SUCCESS;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
@@ -48,9 +67,11 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
         bool anyFailed = false;
         {
             LibraryLock lock;
+            Vyrix_LibraryContext* context = g_pLibCtx;
+            if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);  // another thread closed it
             // Each connection once, oldest first; a failed one keeps its
             // place, so the next one stands after it.
-            const size_t count = g_pLibCtx->connections.size();
+            const size_t count = context->connections.size();
             unsigned int index = 0;
             for (size_t i = 0; i < count; ++i) {
                 if (CloseConnection(index) != eVYRIX_RETURN_SUCCESS) {
@@ -58,12 +79,11 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
                     ++index;
                 }
             }
-            for (Vyrix_Connection* left : g_pLibCtx->connections) RetireConnection(left);
-            delete g_pLibCtx;
+            for (Vyrix_Connection* left : context->connections) RetireConnection(left);
             g_pLibCtx = nullptr;
+            g_pSyncObj = nullptr;
+            delete context;
         }
-        KtDestroySyncObj(g_pSyncObj);
-        g_pSyncObj = nullptr;
         return anyFailed ? Result(eVYRIX_FAILURE) : eVYRIX_RETURN_SUCCESS;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);

@@ -53,9 +53,11 @@ Vyrix_ReturnStatus Set(const void* handle, bool argumentsValid, uint8_t opcode,
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
-        ConnectionScope scope(handle);
+        CommandRoute route;
+        Vyrix_ReturnStatus r = RouteFor(handle, &route);
+        if (r != eVYRIX_RETURN_SUCCESS) return r;
         Records records(params);
-        return AlcSendCommandParams(opcode, records.Data(), records.count, eEP_DEVICE);
+        return CommandExchange(route, opcode, records.Data(), records.count, nullptr, nullptr, eEP_DEVICE);
     } catch (...) {
         return VYRIX_RESULT(eVYRIX_INTERNAL_ERROR);
     }

@@ -99,14 +99,13 @@ Vyrix_ReturnStatus Query(const void* handle, bool argumentsValid, uint8_t opcode
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {
-        ConnectionScope scope(handle);
-        Vyrix_DataS records[4];
-        int count = 0;
-        for (const Vyrix_DataS& p : params) records[count++] = p;
+        CommandRoute route;
+        Vyrix_ReturnStatus r = RouteFor(handle, &route);
+        if (r != eVYRIX_RETURN_SUCCESS) return r;
+        Records records(params);
         unsigned char* reply = nullptr;
         unsigned short replyLength = 0;
-        Vyrix_ReturnStatus r =
-            AlcSendCommandParamsGetReply(opcode, count ? records : nullptr, count, &reply, &replyLength, eEP_DEVICE);
+        r = CommandExchange(route, opcode, records.Data(), records.count, &reply, &replyLength, eEP_DEVICE);
         return ReadReply(r, reply, store);
     } catch (...) {
         return VYRIX_RESULT(eVYRIX_INTERNAL_ERROR);

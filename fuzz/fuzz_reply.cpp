@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Header of the received packet, the sequence number last sent, the
     // layout to decode, then the payload.
     KtXlnkMsgS msg{data[1], data[0], data[2], data[3], 0, nullptr};
-    g_pLibCtx->sequenceNumber = data[4] & 0x3F;
+    g_pLibCtx.load()->sequenceNumber = data[4] & 0x3F;
     const uint8_t layout = data[5];
     const size_t length = size - 6 > KT_XLNK_MAX_PAYLOAD ? KT_XLNK_MAX_PAYLOAD : size - 6;
     unsigned char* reply = new unsigned char[kReplyCapacity]();

@@ -31,11 +31,27 @@
  * handle reaches the first transport with an open port, in the order USB,
  * serial, Bluetooth.
  *
- * Thread safety.  Open and close the library from one thread while no other
- * call runs.  Connections may be opened, used and closed from any thread.
- * Commands on different connections run in parallel; on one connection the
- * reply is matched to the last command sent, so issue one command at a time
- * per connection (serialise calls from several threads yourself).
+ * Thread safety.  Every function may be called from any thread.  Commands
+ * on different connections run in parallel.  Commands on one connection are
+ * serialised: a second thread's command waits for its turn (within its own
+ * reply time-out, after which it returns 0x07000000 eVYRIX_INCOMPLETE
+ * without sending) and gets its own reply, never another command's.
+ * Vyrix_CloseLibrary or Vyrix_CloseConnection while other threads run
+ * commands ends those commands with 0x16000000 eVYRIX_NOT_CONNECTED (or
+ * 0x04000000 eVYRIX_UNINITIALIZED once the library is closed); it never
+ * crashes or hangs them.
+ *
+ * Process life.  A process that exits with connections open exits as it
+ * would otherwise: the library closes its ports, restores the terminals and
+ * removes its lock files on the way out.  After fork(), the child's copy of
+ * the library leaves the parent's devices alone: the connections it
+ * inherited report 0x16000000 eVYRIX_NOT_CONNECTED, it may open devices of
+ * its own, and it exits at once whichever way it exits.
+ *
+ * Unprompted messages.  Each link queues at most 65536 messages or 16 MiB
+ * of payload that the application has not taken; beyond that the oldest
+ * message makes room for the newest, and Vyrix_GetLinkStatistics counts it
+ * in messagesDropped.
  */
 #ifndef VYRIX_API_H
 #define VYRIX_API_H
@@ -528,6 +544,27 @@ VYRIX_API const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result);
  * Thread safety: any thread, the callback's included. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
                                                          uint16_t* pLength, uint8_t* pSource);
+
+/* What one connection's link has counted since it opened.  Fields are only
+ * ever appended; a packet is a whole framed packet, a byte any byte that
+ * crossed the port (USB padding included). */
+typedef struct Vyrix_LinkStatisticsS {
+    uint64_t packetsSent, packetsReceived; /* resends included in packetsSent */
+    uint64_t bytesSent, bytesReceived;
+    uint64_t resends;          /* packets sent again at the device's request */
+    uint64_t packetsDiscarded; /* damaged packets and false starts given up, replies dropped at the queue bound */
+    uint64_t messagesDropped;  /* unprompted messages dropped at the queue bound */
+    uint64_t linkDowns;        /* times the link went down (a close is not one) */
+} Vyrix_LinkStatisticsS;
+VYRIX_LAYOUT(offsetof(Vyrix_LinkStatisticsS, linkDowns) == 56);
+
+/* Copies the counters of a connection's link into *pStats.  Does not wait
+ * for the device (nothing is sent).
+ * Results: 0; 0x05000000 pStats null, or a handle that is not an open
+ * connection; 0x04000000 library not open.
+ * Thread safety: any thread, while commands run on the connection; the
+ * counters are read one by one, so they may be a command apart. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_LinkStatisticsS* pStats);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -1,10 +1,12 @@
 // The exported packet-level service functions: one handler per transport,
 // created by an open and destroyed by a close (or by the last caller still
 // using it); every send and receive goes to the first open transport in the
-// order USB, serial, Bluetooth.
+// order USB, serial, Bluetooth.  The exception: inside the connectionless
+// callback, a take goes to the link whose message the callback announces.
 #include <cstdio>
 #include <memory>
 
+#include "LLC_CallbackDispatcher.h"
 #include "LLC_HandlerTable.h"
 #include "LLC_Links.h"
 #include "LLC_LogFile.h"
@@ -17,6 +19,14 @@ KtHandlerRef ChooseHandler(const char* function) {
     if (handler == nullptr) LlcLog("<ERROR> %s :No port opened for communication\n", function);
     return handler;
 }
+
+KtHandlerRef ChooseMessageSource(const char* function) {
+    KtHandlerRef current = CCallbackDispatcher::CurrentLink();
+    return current ? current : ChooseHandler(function);
+}
+
+// A link that a forked child inherited is the parent's: not to be used.
+bool Usable(const KtHandlerRef& link) { return link != nullptr && !link->IsInherited(); }
 
 // What the open and close functions of a transport say, named after them.
 struct TransportTexts {
@@ -69,10 +79,14 @@ Vyrix_ReturnStatus OpenTransport(const KtLinkRequestS& request, const char* func
     return RC_OK;
 }
 
-// Takes the port out of the table and closes it; closing any port ends the
-// log.
+// Takes the port out of the table and closes it; the log ends with the last
+// open port.
 Vyrix_ReturnStatus CloseHandler(const KtHandlerRef& handler, KtTransportE transport) {
     const char* function = kTexts[transport].closeFunction;
+    if (handler != nullptr && handler->IsInherited()) {
+        CHandlerTable::Instance().KeepInherited(handler);
+        return RC(eVYRIX_NOT_CONNECTED);
+    }
     if (handler == nullptr || !CHandlerTable::Instance().Remove(handler)) {
         LlcLog("<ERROR> %s :No port opened for communication\n", function);
         return RC(eVYRIX_NOT_CONNECTED);
@@ -84,7 +98,7 @@ Vyrix_ReturnStatus CloseHandler(const KtHandlerRef& handler, KtTransportE transp
         // The handler goes whatever its close did.
     }
     if (transport == eTRANSPORT_USB && r == RC_OK) LlcLog("<INFO> %s :USB port closed successfully\n", function);
-    LogEnd();
+    if (CHandlerTable::Instance().Total() == 0) LogEnd();
     return r;
 }
 
@@ -99,7 +113,7 @@ Vyrix_ReturnStatus CheckTransport(KtTransportE transport) {
 
 Vyrix_ReturnStatus RemoveInto(KtQueueTypeE queue, const char* function, BYTE* pDeviceID, BYTE* pPriority,
                               BYTE* pProtocolID, WORD* pPayloadLen, BYTE* pPayload, WORD cbPayload) {
-    KtHandlerRef handler = ChooseHandler(function);
+    KtHandlerRef handler = queue == eCONNECTIONLESS ? ChooseMessageSource(function) : ChooseHandler(function);
     if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
     if (pDeviceID == nullptr || pPriority == nullptr || pProtocolID == nullptr || pPayloadLen == nullptr ||
         pPayload == nullptr) {
@@ -142,26 +156,33 @@ Vyrix_ReturnStatus LlcCloseLink(KtTransportE transport, const KtHandlerRef& link
     return CloseHandler(link, transport);
 }
 
-Vyrix_ReturnStatus LlcSend(const KtHandlerRef& link, KtXlnkMsgS sMsg) {
-    KtHandlerRef handler = link ? link : ChooseHandler("KtSendMsg");
-    return handler ? handler->SendMsg(sMsg) : RC(eVYRIX_NOT_CONNECTED);
+void LlcReleaseLink(KtHandlerRef& link) {
+    if (link && link->IsInherited()) CHandlerTable::Instance().KeepInherited(link);
+    link.reset();
 }
 
-Vyrix_ReturnStatus LlcWaitReply(const KtHandlerRef& link, KtXlnkMsgS* pMsg, unsigned long ms) {
+KtHandlerRef LlcDefaultLink() { return CHandlerTable::Instance().FirstOpen(); }
+
+Vyrix_ReturnStatus LlcSend(const KtHandlerRef& link, KtXlnkMsgS sMsg) {
+    KtHandlerRef handler = link ? link : ChooseHandler("KtSendMsg");
+    return Usable(handler) ? handler->SendMsg(sMsg) : RC(eVYRIX_NOT_CONNECTED);
+}
+
+Vyrix_ReturnStatus LlcWaitReply(const KtHandlerRef& link, KtXlnkMsgS* pMsg, const CDeadline& deadline) {
     KtHandlerRef handler = link ? link : ChooseHandler("KtRemoveMsg");
-    if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
+    if (!Usable(handler)) return RC(eVYRIX_NOT_CONNECTED);
     if (pMsg != nullptr) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
-    return handler->WaitReply(pMsg, CDeadline::After(ms));
+    return handler->WaitReply(pMsg, deadline);
 }
 
 void LlcDropReplies(const KtHandlerRef& link) {
     KtHandlerRef handler = link ? link : CHandlerTable::Instance().FirstOpen();
-    if (handler != nullptr) handler->DropReplies();
+    if (Usable(handler)) handler->DropReplies();
 }
 
 Vyrix_ReturnStatus LlcTakeMessage(const KtHandlerRef& link, KtXlnkMsgS* pMsg) {
-    KtHandlerRef handler = link ? link : ChooseHandler("KtRemoveConnectionlessMsg");
-    if (handler == nullptr) return RC(eVYRIX_NOT_CONNECTED);
+    KtHandlerRef handler = link ? link : ChooseMessageSource("KtRemoveConnectionlessMsg");
+    if (!Usable(handler)) return RC(eVYRIX_NOT_CONNECTED);
     if (pMsg != nullptr && pMsg->payloadLen == 0) pMsg->payloadLen = KT_XLNK_MAX_PAYLOAD;
     return handler->RemoveMsg(eCONNECTIONLESS, pMsg);
 }
@@ -239,7 +260,7 @@ Vyrix_ReturnStatus KtRemoveMsg(KtXlnkMsgS* pMsg, int retryCount) {
     try {
         // retryCount + 1 periods; a reply that is there is taken at once.
         const unsigned long periods = retryCount < 0 ? 1UL : static_cast<unsigned long>(retryCount) + 1UL;
-        return LlcWaitReply(nullptr, pMsg, periods * KT_REMOVE_POLL_MS);
+        return LlcWaitReply(nullptr, pMsg, CDeadline::After(periods * KT_REMOVE_POLL_MS));
     } catch (...) {
         return RC(eVYRIX_FAILURE);
     }

@@ -1,13 +1,19 @@
 // Calls the application's connectionless callback on a thread of its own,
-// once per queued message.  The receive threads only post, so a callback
-// may send a command and wait for its reply, or close the port it came
-// from, without waiting for itself.  The thread runs while a port is open
-// and sleeps in the kernel while there is nothing to call.
+// once per queued message, and knows which link each message came from.
+// The receive threads only post, so a callback may send a command and wait
+// for its reply, or close the port it came from, without waiting for
+// itself.  The thread runs while a port is open and sleeps in the kernel
+// while there is nothing to call.
+//
+// What is due is bounded by what the links hold: a link is listed at most
+// once, with the number of its queued messages not yet announced, and a
+// message that its queue drops at the bound is never announced.
 #ifndef LLC_CALLBACKDISPATCHER_H
 #define LLC_CALLBACKDISPATCHER_H
 
 #include <memory>
-#include <mutex>
+
+class CCommHandler;
 
 class CCallbackDispatcher {
 public:
@@ -16,16 +22,21 @@ public:
     // A port closed: the thread ends with the last one.  Callbacks still
     // due are dropped.
     static void Detach();
-    // One message was queued for the callback.
-    static void Post();
+    // One message was queued on `link` (and `dropped` older ones left its
+    // queue at the bound).
+    static void Post(CCommHandler& link, size_t dropped);
+    // The link whose message the callback running on this thread was
+    // called for; null outside a callback.
+    static std::shared_ptr<CCommHandler> CurrentLink();
 
 private:
     struct State;
-    static void Run(const std::shared_ptr<State>& state);
-
-    static std::mutex s_mutex;
-    static std::shared_ptr<State> s_state;
-    static unsigned s_ports;
+    struct Generation;
+    static State& Shared();
+    static void Run(const std::shared_ptr<Generation>& generation);
+    static void ForkPrepare();
+    static void ForkParent();
+    static void ForkChild();
 };
 
 #endif  // LLC_CALLBACKDISPATCHER_H

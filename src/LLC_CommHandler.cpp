@@ -4,17 +4,35 @@
 
 #include "LLC_BTPort.h"
 #include "LLC_CallbackDispatcher.h"
+#include "LLC_ForkGuard.h"
 #include "LLC_SPort.h"
 #include "LLC_UsbPort.h"
 
 std::atomic<KtEventCallbackFn> g_pfnParseEventCallbackFunction{nullptr};
 
 CCommHandler::CCommHandler()
-    : m_bConnected(false), m_closing(false), m_waitingReply(false), m_dispatching(false), m_LastPayloadLen(0) {}
+    : m_rxMsgQ(KT_MAX_QUEUED_MESSAGES, KT_MAX_QUEUED_BYTES),
+      m_rxMsgConnectionlessQ(KT_MAX_QUEUED_MESSAGES, KT_MAX_QUEUED_BYTES),
+      m_bConnected(false),
+      m_closing(false),
+      m_waitingReply(false),
+      m_dispatching(false),
+      m_LastPayloadLen(0),
+      m_lastSequence(0),
+      m_generation(CForkGuard::Generation()),
+      m_parserDiscards(0) {}
 
 CCommHandler::~CCommHandler() {
     m_bConnected = false;
     if (m_port != nullptr) ClosePort();
+}
+
+bool CCommHandler::IsInherited() const { return m_generation != CForkGuard::Generation(); }
+
+KtLinkCountersS CCommHandler::Counters() const {
+    const AtomicCounters& c = m_counters;
+    return KtLinkCountersS{c.packetsSent,      c.packetsReceived, c.bytesSent,       c.bytesReceived,
+                           c.resends,          c.packetsDiscarded, c.messagesDropped, c.linkDowns};
 }
 
 Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage, bool logThreadFailure) {
@@ -77,7 +95,9 @@ void CCommHandler::ReceiveLoop() {
         int bytesRead = 0;
         Vyrix_ReturnStatus r = m_port->ReadPort(buf, &bytesRead, deadline);
         if (r == RC_OK) {
+            m_counters.bytesReceived += static_cast<uint64_t>(bytesRead);
             Consume(buf, static_cast<DWORD>(bytesRead));
+            CountParserDiscards();
             continue;
         }
         if (m_closing) return;
@@ -85,6 +105,7 @@ void CCommHandler::ReceiveLoop() {
             if (inPacket && deadline.Expired()) {
                 m_msgHandler.AbandonPacket();
                 Consume(buf, 0);
+                CountParserDiscards();
             }
             continue;
         }
@@ -106,10 +127,17 @@ void CCommHandler::Consume(BYTE* buf, DWORD length) {
     }
 }
 
+void CCommHandler::CountParserDiscards() {
+    const size_t abandoned = m_msgHandler.Abandoned();
+    m_counters.packetsDiscarded += abandoned - m_parserDiscards;
+    m_parserDiscards = abandoned;
+}
+
 void CCommHandler::Deliver(const KtXlnkMsgS& sMsg) {
+    ++m_counters.packetsReceived;
     if (sMsg.protocolID == ePROTOCOL_CONNECTION_ORIENTED) {
         // Replies that nobody waits for would be taken for the next one's.
-        if (m_waitingReply) m_rxMsgQ.Push(sMsg);
+        if (m_waitingReply) m_counters.packetsDiscarded += m_rxMsgQ.Push(sMsg).dropped;
         return;
     }
     if (sMsg.protocolID != ePROTOCOL_CONNECTIONLESS) {
@@ -117,11 +145,22 @@ void CCommHandler::Deliver(const KtXlnkMsgS& sMsg) {
         return;
     }
     if (g_pfnParseEventCallbackFunction.load() == nullptr) return;  // nobody listens: dropped
-    m_rxMsgConnectionlessQ.Push(sMsg);
-    CCallbackDispatcher::Post();
+    QueueUnprompted(sMsg);
+}
+
+void CCommHandler::QueueUnprompted(const KtXlnkMsgS& sMsg) {
+    const CMsgQueue::PushResult pushed = m_rxMsgConnectionlessQ.Push(sMsg);
+    if (pushed.dropped > 0) {
+        m_counters.messagesDropped += pushed.dropped;
+        if (pushed.burstBegan)
+            LlcLog("<INFO> %s: Unprompted message queue full, dropping the oldest messages.\n", "ReadThreadRoutine");
+    }
+    CCallbackDispatcher::Post(*this, pushed.dropped);
 }
 
 void CCommHandler::LinkDown() {
+    ++m_counters.linkDowns;
+    m_gate.Close();
     m_bConnected = false;
     m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
     m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
@@ -206,6 +245,11 @@ Vyrix_ReturnStatus CCommHandler::RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* 
             Vyrix_ReturnStatus w = WriteLocked(packet.data(), packet.size(), "RetryLastMessage");
             // Other write failures are not examined: the wait below decides.
             if (m_port == nullptr || HasCode(w, eVYRIX_NOT_CONNECTED)) return w;
+            if (w == RC_OK) {
+                ++m_counters.resends;
+                ++m_counters.packetsSent;
+                m_counters.bytesSent += packet.size();
+            }
         }
         pMsg->payloadLen = capacity;
         r = queue.WaitPop(pMsg, CDeadline::After(static_cast<unsigned long>(KT_RESEND_MAX_POLLS) * KT_REMOVE_POLL_MS));
@@ -229,6 +273,8 @@ Vyrix_ReturnStatus CCommHandler::SendMsg(KtXlnkMsgS sMsg) {
         m_waitingReply = false;
         return r;
     }
+    ++m_counters.packetsSent;
+    m_counters.bytesSent += packet.size();
     m_lastPacket.swap(packet);
     m_LastPayloadLen = sMsg.payloadLen;
     return RC_OK;
@@ -249,6 +295,7 @@ Vyrix_ReturnStatus CCommHandler::ClosePort() {
     }
     // Waiters leave first; then the receive thread is woken and joined.
     m_closing = true;
+    m_gate.Close();
     m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
     m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
     m_port->CancelRead();

@@ -1,12 +1,17 @@
-// One open link to the device over one transport: the port, the codec, a
-// receive thread that turns incoming bytes into queued messages, the reply
-// and connectionless queues, and the resend of the last packet when the
-// device asks for it by answering to the broadcast id.
+// One link: everything about one open port, and nothing about any other.
+// It owns the port, the codec, a receive thread that turns incoming bytes
+// into queued messages, the reply and unprompted-message queues (bounded),
+// the copy of the last packet for a resend at the device's request, the
+// gate that lets one command at a time through, the sequence number of the
+// last command sent, and the link's counters.
 //
-// Lifetime: whoever may still wait on a handler holds a shared reference.
-// ClosePort (or the device going away) marks both queues down, so every
-// waiter returns 0x16000000 at once, and the handler is destroyed only when
-// the last reference goes.
+// Ownership: the link registry holds one reference per open link; a
+// connection holds one, and so does every call working with the link, so a
+// close on another thread never frees it under a caller.  ClosePort (or the
+// device going away) marks both queues and the gate down, so every waiter
+// returns 0x16000000 at once; the memory goes with the last reference.
+// A link inherited by a forked child belongs to the parent: the child
+// never touches it (IsInherited), not even to destroy it.
 #ifndef LLC_COMMHANDLER_H
 #define LLC_COMMHANDLER_H
 
@@ -15,6 +20,7 @@
 #include <mutex>
 #include <vector>
 
+#include "LLC_CommandGate.h"
 #include "LLC_MsgQueue.h"
 #include "LLC_Port.h"
 #include "LLC_Thread.h"
@@ -23,7 +29,17 @@
 // The application's callback for connectionless messages.
 extern std::atomic<KtEventCallbackFn> g_pfnParseEventCallbackFunction;
 
-class CCommHandler {
+// What a link has counted since it opened.
+struct KtLinkCountersS {
+    uint64_t packetsSent, packetsReceived;
+    uint64_t bytesSent, bytesReceived;
+    uint64_t resends;
+    uint64_t packetsDiscarded;
+    uint64_t messagesDropped;
+    uint64_t linkDowns;
+};
+
+class CCommHandler : public std::enable_shared_from_this<CCommHandler> {
 public:
     CCommHandler();
     ~CCommHandler();
@@ -59,6 +75,20 @@ public:
     // Drops the resend copy and ends the wait for a reply.
     void ClearRetryCache();
 
+    // One command at a time: a command holds the gate from its send to the
+    // end of its reply.
+    CCommandGate& Gate() { return m_gate; }
+    // The sequence number of the last command sent on this link.
+    void SetLastSequence(uint8_t sequence) { m_lastSequence = sequence; }
+    uint8_t LastSequence() const { return m_lastSequence; }
+
+    KtLinkCountersS Counters() const;
+
+    // Belongs to the process this one was forked from.
+    bool IsInherited() const;
+    // Whether the link is open and up (false once closing started).
+    bool IsOpen() const { return m_bConnected && !m_closing; }
+
     Vyrix_ReturnStatus ClosePort();
 
     Vyrix_ReturnStatus EnumerateBTHDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
@@ -66,11 +96,21 @@ public:
     Vyrix_ReturnStatus EnumerateUARTDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
 
 private:
+    friend class CCallbackDispatcher;
+    // Messages queued but not yet announced to the callback; guarded by the
+    // dispatcher's lock.
+    struct Announcements {
+        size_t pending = 0;
+        bool listed = false;
+    };
+
     static int ReadThreadRoutine(void* arg);
     void ReceiveLoop();
     void Consume(BYTE* buf, DWORD length);
     void Deliver(const KtXlnkMsgS& sMsg);
     void LinkDown();
+    void QueueUnprompted(const KtXlnkMsgS& sMsg);
+    void CountParserDiscards();
     Vyrix_ReturnStatus StartLink(CPort* port, const char* failMessage, bool logThreadFailure);
     Vyrix_ReturnStatus WriteLocked(const BYTE* packet, size_t length, const char* function);
     Vyrix_ReturnStatus RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* pMsg);
@@ -91,6 +131,16 @@ private:
     std::mutex m_writeLock;
     std::vector<BYTE> m_lastPacket;
     WORD m_LastPayloadLen;
+    CCommandGate m_gate;
+    std::atomic<uint8_t> m_lastSequence;
+    const unsigned m_generation;  // of the process that opened it
+    size_t m_parserDiscards;      // receive thread only
+    Announcements m_announce;
+
+    struct AtomicCounters {
+        std::atomic<uint64_t> packetsSent{0}, packetsReceived{0}, bytesSent{0}, bytesReceived{0}, resends{0},
+            packetsDiscarded{0}, messagesDropped{0}, linkDowns{0};
+    } m_counters;
 };
 
 #endif  // LLC_COMMHANDLER_H

@@ -11,6 +11,11 @@
 // Ports the connections of the API layer may hold open on one transport.
 constexpr size_t KT_MAX_PORTS_PER_TRANSPORT = 8;
 
+// What one link queues for the application before the oldest messages make
+// room: whichever bound is reached first.
+constexpr size_t KT_MAX_QUEUED_MESSAGES = 65536;
+constexpr size_t KT_MAX_QUEUED_BYTES = 16u * 1024u * 1024u;
+
 // Line settings of the serial transport.
 constexpr unsigned long KT_VYRIX_BAUDRATE = 57600;
 

@@ -2,14 +2,29 @@
 
 #include <algorithm>
 
-void CMsgQueue::Push(const KtXlnkMsgS& msg) {
+CMsgQueue::PushResult CMsgQueue::Push(const KtXlnkMsgS& msg) {
     Message m{msg.deviceID, msg.sourceID, static_cast<BYTE>(msg.priority >> 6), msg.protocolID, {}};
     if (msg.payloadLen > 0 && msg.pPayload != nullptr) m.payload.assign(msg.pPayload, msg.pPayload + msg.payloadLen);
+    PushResult result{0, false};
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        while (!m_messages.empty() &&
+               (m_messages.size() >= m_maxMessages || m_bytes + m.payload.size() > m_maxBytes)) {
+            PopFront();
+            ++result.dropped;
+        }
+        result.burstBegan = result.dropped > 0 && !m_dropping;
+        m_dropping = result.dropped > 0;
+        m_bytes += m.payload.size();
         m_messages.push_back(std::move(m));
     }
     m_changed.notify_one();
+    return result;
+}
+
+void CMsgQueue::PopFront() {
+    m_bytes -= m_messages.front().payload.size();
+    m_messages.pop_front();
 }
 
 Vyrix_ReturnStatus CMsgQueue::TakeFront(KtXlnkMsgS* pMsg) {
@@ -30,7 +45,8 @@ Vyrix_ReturnStatus CMsgQueue::TakeFront(KtXlnkMsgS* pMsg) {
     std::copy(m.payload.begin(), m.payload.begin() + static_cast<std::ptrdiff_t>(copied), pMsg->pPayload);
     pMsg->payloadLen = static_cast<WORD>(copied);
     const bool resend = m.deviceID == eBROADCAST_DEVICE_ID;
-    m_messages.pop_front();
+    PopFront();
+    m_dropping = false;
     if (tooLarge) return RC(eVYRIX_PAYLOAD_TOO_LARGE);
     return resend ? RC(eVYRIX_RETRY) : RC_OK;
 }
@@ -50,6 +66,8 @@ size_t CMsgQueue::DrainNow() {
     std::lock_guard<std::mutex> lock(m_mutex);
     const size_t dropped = m_messages.size();
     m_messages.clear();
+    m_bytes = 0;
+    m_dropping = false;
     return dropped;
 }
 

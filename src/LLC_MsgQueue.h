@@ -1,6 +1,7 @@
 // A queue of received messages with one waiting primitive: the receive
 // thread pushes, callers take with a deadline, and a link that goes down or
-// closes wakes every waiter at once.
+// closes wakes every waiter at once.  The device fills it, so it is
+// bounded: beyond the bound the oldest messages make room for the newest.
 #ifndef LLC_MSGQUEUE_H
 #define LLC_MSGQUEUE_H
 
@@ -14,12 +15,17 @@
 
 class CMsgQueue {
 public:
-    CMsgQueue() = default;
+    // At most `maxMessages` messages and `maxBytes` payload bytes queued.
+    CMsgQueue(size_t maxMessages, size_t maxBytes) : m_maxMessages(maxMessages), m_maxBytes(maxBytes) {}
     CMsgQueue(const CMsgQueue&) = delete;
     CMsgQueue& operator=(const CMsgQueue&) = delete;
 
+    struct PushResult {
+        size_t dropped;   // oldest messages dropped to make room
+        bool burstBegan;  // the first drop since the queue last had room
+    };
     // Appends a copy of the message and wakes one waiter.
-    void Push(const KtXlnkMsgS& msg);
+    PushResult Push(const KtXlnkMsgS& msg);
 
     // Takes the oldest message into *pMsg, whose pPayload is the caller's
     // buffer and payloadLen its capacity; waits until `deadline` for one.
@@ -44,10 +50,15 @@ private:
         std::vector<BYTE> payload;
     };
     Vyrix_ReturnStatus TakeFront(KtXlnkMsgS* pMsg);
+    void PopFront();
 
+    const size_t m_maxMessages;
+    const size_t m_maxBytes;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Message> m_messages;
+    size_t m_bytes = 0;
+    bool m_dropping = false;
     Vyrix_ReturnStatus m_down = RC_OK;
 };
 

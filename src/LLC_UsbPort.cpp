@@ -46,6 +46,7 @@ CUsbPort::CUsbPort(const char* preferredSerial)
       m_vyrixHandle(nullptr),
       m_ctx(nullptr),
       m_vyrixdev(nullptr),
+      m_writeEp(vyrix_write_ep_.load()),
       m_bus_num(0),
       m_dev_addr(0),
       m_lockfile_str(),
@@ -91,7 +92,7 @@ Vyrix_ReturnStatus CUsbPort::FailOpen(libusb_device** list, Vyrix_ReturnStatus r
 }
 
 // Searches the device's active configuration for the OUT endpoint.
-CUsbPort::Match CUsbPort::InspectDevice(libusb_device* dev) {
+CUsbPort::Match CUsbPort::InspectDevice(libusb_device* dev, unsigned char* pEndpoint) {
     libusb_config_descriptor* config = nullptr;
     int err = libusb_get_active_config_descriptor(dev, &config);
     if (err != 0) {
@@ -110,7 +111,7 @@ CUsbPort::Match CUsbPort::InspectDevice(libusb_device* dev) {
                     uint8_t address = alt.endpoint[e].bEndpointAddress;
                     if (address & kDirectionIn) continue;
                     LlcLog("<INFO> %s: OUT EP addr : 0x%x\n", "OpenPort", address);
-                    vyrix_write_ep_ = address;
+                    *pEndpoint = address;
                     found = true;
                     break;
                 }
@@ -140,14 +141,19 @@ libusb_device* CUsbPort::TakeFirstFree(libusb_device** list, ssize_t count, bool
             continue;
         }
         if (!IsVyrix(desc)) continue;
-        if (InspectDevice(list[i]) == Match::kNoEndpoint) return nullptr;  // later devices are not tried
+        unsigned char endpoint = m_writeEp;
+        if (InspectDevice(list[i], &endpoint) == Match::kNoEndpoint) return nullptr;  // later devices are not tried
         m_bus_num = libusb_get_bus_number(list[i]);
         m_dev_addr = libusb_get_device_address(list[i]);
         LlcLog("<INFO> %s: Found Device on bus %03d and addr %03d.\n", "OpenPort", m_bus_num, m_dev_addr);
         if (CreateLockFile() != RC_OK) continue;
         // Only a free device is asked for its serial number: one that
         // another port holds is not disturbed.
-        if (!preferredOnly || HasPreferredSerial(list[i], desc)) return list[i];
+        if (!preferredOnly || HasPreferredSerial(list[i], desc)) {
+            m_writeEp = endpoint;
+            vyrix_write_ep_ = endpoint;
+            return list[i];
+        }
         RemoveLockFile();
     }
     return nullptr;
@@ -285,7 +291,7 @@ Vyrix_ReturnStatus CUsbPort::WritePort(const unsigned char* outbuf, unsigned sho
         int chunk = remaining < KT_USB_PACKET_SIZE ? remaining : KT_USB_PACKET_SIZE;
         memcpy(buf, outbuf + position, static_cast<size_t>(chunk));
         int transferred = 0;
-        int err = libusb_interrupt_transfer(m_vyrixHandle, vyrix_write_ep_.load(), buf, KT_USB_PACKET_SIZE,
+        int err = libusb_interrupt_transfer(m_vyrixHandle, m_writeEp, buf, KT_USB_PACKET_SIZE,
                                             &transferred, KT_USB_WRITE_TIMEOUT_MS);
         if (err == 0 && transferred <= 0) err = LIBUSB_ERROR_IO;  // no progress: never loop on it
         if (err != 0) {

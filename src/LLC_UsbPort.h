@@ -13,8 +13,8 @@
 #include "LLC_Port.h"
 #include "LLC_Utility.h"
 
-// The OUT endpoint WritePort uses, shared by every USB port of the process;
-// set by each OpenPort that finds one.
+// The OUT endpoint of the USB port opened last (each port writes to its own
+// device's endpoint).
 extern std::atomic<unsigned char> vyrix_write_ep_;
 
 class CUsbPort : public CPort {
@@ -47,7 +47,9 @@ public:
 
 private:
     enum class Match { kSkip, kTake, kNoEndpoint };
-    Match InspectDevice(libusb_device* dev);
+    // *pEndpoint: the device's OUT endpoint (the last one found), or left
+    // as it is when the configuration cannot be read.
+    Match InspectDevice(libusb_device* dev, unsigned char* pEndpoint);
     bool HasPreferredSerial(libusb_device* dev, const libusb_device_descriptor& desc);
     // Takes the first free device of the product (with the preferred serial
     // number only, if asked); null when there is none.
@@ -69,6 +71,7 @@ private:
     libusb_device_handle* m_vyrixHandle;
     libusb_context* m_ctx;
     libusb_device* m_vyrixdev;
+    unsigned char m_writeEp;
     BYTE m_bus_num;
     BYTE m_dev_addr;
     BYTE m_lockfile_str[KT_LOCK_NAME_SIZE];

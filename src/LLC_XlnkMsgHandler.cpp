@@ -132,6 +132,7 @@ void CXlnkMsgHandler::AbandonPacket() {
 }
 
 void CXlnkMsgHandler::Resume(const BYTE* tail, DWORD tailLen) {
+    ++m_abandoned;
     // Everything after the start byte, in arrival order, then whatever was
     // still held back.
     std::vector<BYTE> again(m_header, m_header + m_headerLen);

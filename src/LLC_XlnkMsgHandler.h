@@ -60,6 +60,8 @@ public:
     // Gives up the started packet (the line went quiet inside it): the
     // bytes after its start byte are searched again by the next call.
     void AbandonPacket();
+    // Started packets given up so far (false starts, damaged packets).
+    size_t Abandoned() const { return m_abandoned; }
 
 private:
     enum class HeaderByte { kAccepted, kComplete, kRejected };
@@ -89,6 +91,7 @@ private:
     // Bytes of an abandoned packet waiting to be searched again.
     std::vector<BYTE> m_replay;
     size_t m_replayAt;
+    size_t m_abandoned = 0;
 };
 
 #endif  // LLC_XLNKMSGHANDLER_H

@@ -259,12 +259,14 @@ TEST_F(BluetoothLink, SerialGoesBeforeBluetoothAndTrafficMovesOnWhenItCloses) {
     EXPECT_EQ(vt::Take(10), 0u);
 
     ASSERT_EQ(KtCloseSerialPort(), 0u);
-    EXPECT_FALSE(LogExists());  // any close ends the log, Bluetooth still open
+    EXPECT_TRUE(LogExists());  // the log lives while the Bluetooth port is open
     unlink(vt::SerialLockName(serial->SlavePath()).c_str());
     ASSERT_EQ(vt::Send(kInfo), 0u);
     ASSERT_TRUE(device->Sim().WaitForPackets(1, std::chrono::seconds(2)));
     EXPECT_EQ(vt::Take(10), 0u);
     EXPECT_EQ(KtCheckBthSocket(), 0u);
+    EXPECT_EQ(KtCloseBTHSocket(), 0u);
+    EXPECT_FALSE(LogExists());  // and ends with the last port
 }
 
 TEST_F(BluetoothLink, DeviceClosingTheLinkMidCommandEndsNothingBadly) {

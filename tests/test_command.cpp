@@ -59,7 +59,7 @@ TEST_F(Transport, EveryTagEncodesLeastSignificantByteFirst) {
 }
 
 TEST_F(Transport, SequenceNumbersRunOneToSixtyThreeAndReopenStartsAtOne) {
-    g_pLibCtx->sequenceNumber = 61;
+    g_pLibCtx.load()->sequenceNumber = 61;
     for (int i = 0; i < 3; ++i) ASSERT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eEP_DEVICE), 0u);
     EXPECT_EQ(Command(0)[2], 62);
     EXPECT_EQ(Command(1)[2], 63);
@@ -107,7 +107,7 @@ TEST_F(Transport, WrongSequenceNumberFailsAndLeavesTheLockFree) {
 
 TEST_F(Transport, HostDestinationIsRefusedWithoutSending) {
     EXPECT_EQ(AlcSendCommandParams(0x21, nullptr, 0, eHOST_DEVICE), 0x05000000u);
-    EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);  // no number was used up
+    EXPECT_EQ(g_pLibCtx.load()->sequenceNumber, 0);  // no number was used up
     ASSERT_EQ(AlcSendCommandParams(0x1F, nullptr, 0, eEP_DEVICE), 0u);
     EXPECT_EQ(Command(0), (Bytes{0x2A, 0x2A, 0x01, 0x1F}));  // the first thing the device saw
     EXPECT_EQ(std::make_tuple(sim->Received()[0].destination, sim->Received()[0].protocol), std::make_tuple(0, 1));
@@ -155,7 +155,7 @@ TEST_F(Transport, FailuresOfTheLinkAreReturnedUnchanged) {
 TEST(CommandHelpers, ValidateReply) {
     void* library = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
-    g_pLibCtx->sequenceNumber = 9;
+    g_pLibCtx.load()->sequenceNumber = 9;
     const struct {
         uint8_t destination, priority, protocol, third;
         uint32_t result;

@@ -52,14 +52,14 @@ TEST(ConnectionChecks, RecordsAreRefusedBeforeAnyPortIsTouched) {
     EXPECT_EQ(Vyrix_OpenConnection(library, nullptr, UartRecord("/dev/vyrix-x")), 0x05000000u);
     EXPECT_FALSE(LogExists());  // no port was opened: the log never started
     EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
-    EXPECT_TRUE(g_pLibCtx->connections.empty());
+    EXPECT_TRUE(g_pLibCtx.load()->connections.empty());
     Vyrix_CloseLibrary(library);
 }
 
 TEST_F(Connections, OpenStoresTheRecordWithTheApplicationsPointers) {
-    ASSERT_EQ(g_pLibCtx->connections.size(), 1u);
-    EXPECT_EQ(connection, static_cast<void*>(g_pLibCtx->connections[0]));
-    const Vyrix_ConnectionInfoS& stored = g_pLibCtx->connections[0]->info;
+    ASSERT_EQ(g_pLibCtx.load()->connections.size(), 1u);
+    EXPECT_EQ(connection, static_cast<void*>(g_pLibCtx.load()->connections[0]));
+    const Vyrix_ConnectionInfoS& stored = g_pLibCtx.load()->connections[0]->info;
     EXPECT_EQ(stored.connectionType, eVYRIX_CONNECTION_UART);
     EXPECT_EQ(stored.uartInfo.pPortName, path.c_str());
     EXPECT_EQ(KtCheckSerialPort(), 0u);
@@ -85,7 +85,7 @@ TEST_F(Connections, SameDeviceIsRefusedAnotherOneOpens) {
     auto other = vyrix::sim::DeviceSimulator::OverPty();
     void* second = nullptr;
     ASSERT_EQ(Vyrix_OpenConnection(library, &second, UartRecord(other->SlavePath().c_str())), 0u);
-    EXPECT_EQ(g_pLibCtx->connections.size(), 2u);
+    EXPECT_EQ(g_pLibCtx.load()->connections.size(), 2u);
     // The link-layer functions name no connection: the first port opened.
     EXPECT_EQ(KtOpenSerialPortByName(other->SlavePath().c_str(), 57600), 0x18000000u);
     Bytes payload = {0x2A, 0x2A, 0x01, 0x2A, 0, 0, 0, 0};
@@ -106,14 +106,14 @@ TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {
     auto* bth = new Vyrix_Connection{};
     bth->info.connectionType = eVYRIX_CONNECTION_BTH;
     bth->info.bthInfo = Vyrix_BTHInfoS{"00:11:22:33:44:55", ""};
-    g_pLibCtx->connections.push_back(bth);
+    g_pLibCtx.load()->connections.push_back(bth);
     unsigned index = 0;
     EXPECT_EQ(GetConnectionHandleIndex(bth->info, &index), 0x18000000u);
     EXPECT_EQ(index, 1u);
 
     EXPECT_EQ(Vyrix_CloseConnection(connection), 0u);
-    ASSERT_EQ(g_pLibCtx->connections.size(), 1u);
-    EXPECT_EQ(g_pLibCtx->connections[0], bth);
+    ASSERT_EQ(g_pLibCtx.load()->connections.size(), 1u);
+    EXPECT_EQ(g_pLibCtx.load()->connections[0], bth);
     EXPECT_EQ(KtCheckSerialPort(), 0x01000000u);
     EXPECT_FALSE(vt::FileExists(vt::SerialLockName(path)));
 
@@ -125,7 +125,7 @@ TEST_F(Connections, CloseRemovesTheEntryAndKeepsTheOrderOfTheOthers) {
     // Its port is not open: the close fails, the entry stays, and the
     // library still closes.
     EXPECT_EQ(Vyrix_CloseConnection(bth), 0x16000000u);
-    EXPECT_EQ(g_pLibCtx->connections.size(), 1u);
+    EXPECT_EQ(g_pLibCtx.load()->connections.size(), 1u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0x01000000u);
     EXPECT_EQ(g_pLibCtx, nullptr);
     EXPECT_EQ(Vyrix_CloseConnection(connection), 0x04000000u);

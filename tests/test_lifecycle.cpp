@@ -46,7 +46,7 @@ TEST_F(Lifecycle, OpenTwiceCloseAndReopen) {
     EXPECT_EQ(std::make_tuple(info.majorVersion, info.minorVersion, info.revision, info.build),
               std::make_tuple(1, 3, 0, 0u));
 
-    g_pLibCtx->sequenceNumber = 17;
+    g_pLibCtx.load()->sequenceNumber = 17;
     EXPECT_EQ(Vyrix_CloseLibrary(nullptr), 0x05000000u);
     EXPECT_NE(g_pLibCtx, nullptr);
     int other = 0;
@@ -54,8 +54,8 @@ TEST_F(Lifecycle, OpenTwiceCloseAndReopen) {
     EXPECT_EQ(g_pLibCtx, nullptr);
     EXPECT_EQ(g_pSyncObj, nullptr);
     ASSERT_EQ(Vyrix_OpenLibrary(&handle), 0u);
-    EXPECT_EQ(g_pLibCtx->sequenceNumber, 0);
-    EXPECT_TRUE(g_pLibCtx->connections.empty());
+    EXPECT_EQ(g_pLibCtx.load()->sequenceNumber, 0);
+    EXPECT_TRUE(g_pLibCtx.load()->connections.empty());
 }
 
 }  // namespace
