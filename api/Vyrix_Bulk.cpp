@@ -77,8 +77,7 @@ Vyrix_ReturnStatus AlcSendImageCommandGeneric(unsigned char opcode, unsigned cha
         const unsigned length = remaining < want ? remaining : want;
         const unsigned payloadLen =
             BuildChunk(buf.get(), opcode, index, pData + offset, length, target, position, size);
-        const bool lastDeviceChunk =
-            opcode != kImageOpcode && index == maxIndexFlag.load() && deviceId == eEP_DEVICE;
+        const bool lastDeviceChunk = opcode != kImageOpcode && index == maxIndexFlag.load() && deviceId == eEP_DEVICE;
         for (int attempt = 0; attempt < kChunkAttempts; ++attempt) {
             bool sent = false;
             result = PayloadExchange(route, buf.get(), static_cast<unsigned short>(payloadLen), deviceId, nullptr,
@@ -128,8 +127,8 @@ Vyrix_ReturnStatus AlcGetTextBoxInfo(unsigned char* pText, unsigned short maxLen
     memcpy(buf.get() + kTextBoxHeader, pText, n);
     unsigned char* reply = nullptr;
     unsigned short length = 0;
-    Vyrix_ReturnStatus r = PayloadExchange(DefaultRoute(), buf.get(),
-                                           static_cast<unsigned short>(kTextBoxHeader + n), eEP_DEVICE, &reply, &length);
+    Vyrix_ReturnStatus r = PayloadExchange(DefaultRoute(), buf.get(), static_cast<unsigned short>(kTextBoxHeader + n),
+                                           eEP_DEVICE, &reply, &length);
     buf.reset();
     if (r != eVYRIX_RETURN_SUCCESS) {
         delete[] reply;  // an error reply is returned unread

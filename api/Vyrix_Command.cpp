@@ -175,9 +175,8 @@ Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPa
     return ReplyOn(link, expected, deadline, ppReply, pReplyLen, ePROTOCOL_CONNECTION_ORIENTED);
 }
 
-Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams,
-                                   int numParams, unsigned char** ppReply, unsigned short* pReplyLen,
-                                   KtXlnkDeviceIdE deviceId) {
+Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                   unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkDeviceIdE deviceId) {
     if (ppReply != nullptr) *ppReply = nullptr;
     if (pReplyLen != nullptr) *pReplyLen = 0;
     size_t length = kCommandHeader;

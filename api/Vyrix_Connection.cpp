@@ -301,7 +301,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_Li
             link = entry->link;
         }
         const KtLinkCountersS c = link ? link->Counters() : KtLinkCountersS{};
-        *pStats = Vyrix_LinkStatisticsS{c.packetsSent, c.packetsReceived, c.bytesSent,        c.bytesReceived,
+        *pStats = Vyrix_LinkStatisticsS{c.packetsSent, c.packetsReceived,  c.bytesSent,       c.bytesReceived,
                                         c.resends,     c.packetsDiscarded, c.messagesDropped, c.linkDowns};
         return eVYRIX_RETURN_SUCCESS;
     } catch (...) {

@@ -115,9 +115,8 @@ unsigned EncodedSize(const Vyrix_DataS& param);
 // turn within its reply time-out.
 // Builds the command payload from typed parameters and exchanges it; with
 // ppReply null only the acknowledgement is awaited.
-Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams,
-                                   int numParams, unsigned char** ppReply, unsigned short* pReplyLen,
-                                   KtXlnkDeviceIdE deviceId);
+Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams, int numParams,
+                                   unsigned char** ppReply, unsigned short* pReplyLen, KtXlnkDeviceIdE deviceId);
 // Sends a built payload (its first four bytes are filled in here) and waits
 // for its reply; `pauseBeforeReplyMs` passes between the two with the gate
 // held.  ppReply null: the acknowledgement only.  *pSent (if given) tells

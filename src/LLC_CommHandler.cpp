@@ -19,6 +19,7 @@ CCommHandler::CCommHandler()
       m_dispatching(false),
       m_LastPayloadLen(0),
       m_lastSequence(0),
+      m_wentDown(false),
       m_generation(CForkGuard::Generation()),
       m_parserDiscards(0) {}
 
@@ -31,8 +32,8 @@ bool CCommHandler::IsInherited() const { return m_generation != CForkGuard::Gene
 
 KtLinkCountersS CCommHandler::Counters() const {
     const AtomicCounters& c = m_counters;
-    return KtLinkCountersS{c.packetsSent,      c.packetsReceived, c.bytesSent,       c.bytesReceived,
-                           c.resends,          c.packetsDiscarded, c.messagesDropped, c.linkDowns};
+    return KtLinkCountersS{c.packetsSent, c.packetsReceived,  c.bytesSent,       c.bytesReceived,
+                           c.resends,     c.packetsDiscarded, c.messagesDropped, c.linkDowns};
 }
 
 Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage, bool logThreadFailure) {
@@ -134,6 +135,7 @@ void CCommHandler::CountParserDiscards() {
 }
 
 void CCommHandler::Deliver(const KtXlnkMsgS& sMsg) {
+    CountParserDiscards();  // what was given up before this packet, counted before anyone sees it
     ++m_counters.packetsReceived;
     if (sMsg.protocolID == ePROTOCOL_CONNECTION_ORIENTED) {
         // Replies that nobody waits for would be taken for the next one's.
@@ -159,7 +161,7 @@ void CCommHandler::QueueUnprompted(const KtXlnkMsgS& sMsg) {
 }
 
 void CCommHandler::LinkDown() {
-    ++m_counters.linkDowns;
+    if (!m_closing && !m_wentDown.exchange(true)) ++m_counters.linkDowns;
     m_gate.Close();
     m_bConnected = false;
     m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
@@ -217,7 +219,7 @@ Vyrix_ReturnStatus CCommHandler::WriteLocked(const BYTE* packet, size_t length, 
     Vyrix_ReturnStatus r =
         m_bConnected ? m_port->WritePort(packet, static_cast<unsigned short>(length)) : RC(eVYRIX_NOT_CONNECTED);
     if (HasCode(r, eVYRIX_NOT_CONNECTED)) {
-        m_bConnected = false;
+        LinkDown();
         LlcLog("<ERROR> %s :Error writing data to port\n", function);
     }
     return r;

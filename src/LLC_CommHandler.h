@@ -133,6 +133,7 @@ private:
     WORD m_LastPayloadLen;
     CCommandGate m_gate;
     std::atomic<uint8_t> m_lastSequence;
+    std::atomic<bool> m_wentDown;
     const unsigned m_generation;  // of the process that opened it
     size_t m_parserDiscards;      // receive thread only
     Announcements m_announce;

@@ -15,9 +15,7 @@ CHandlerTable& CHandlerTable::Instance() {
     return *table;
 }
 
-CHandlerTable::CHandlerTable() {
-    CForkGuard::Register(CForkGuard::eRANK_REGISTRY, ForkPrepare, ForkParent, ForkChild);
-}
+CHandlerTable::CHandlerTable() { CForkGuard::Register(CForkGuard::eRANK_REGISTRY, ForkPrepare, ForkParent, ForkChild); }
 
 void CHandlerTable::ForkPrepare() { Instance().m_mutex.lock(); }
 

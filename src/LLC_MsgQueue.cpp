@@ -8,8 +8,7 @@ CMsgQueue::PushResult CMsgQueue::Push(const KtXlnkMsgS& msg) {
     PushResult result{0, false};
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        while (!m_messages.empty() &&
-               (m_messages.size() >= m_maxMessages || m_bytes + m.payload.size() > m_maxBytes)) {
+        while (!m_messages.empty() && (m_messages.size() >= m_maxMessages || m_bytes + m.payload.size() > m_maxBytes)) {
             PopFront();
             ++result.dropped;
         }

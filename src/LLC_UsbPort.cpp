@@ -291,8 +291,8 @@ Vyrix_ReturnStatus CUsbPort::WritePort(const unsigned char* outbuf, unsigned sho
         int chunk = remaining < KT_USB_PACKET_SIZE ? remaining : KT_USB_PACKET_SIZE;
         memcpy(buf, outbuf + position, static_cast<size_t>(chunk));
         int transferred = 0;
-        int err = libusb_interrupt_transfer(m_vyrixHandle, m_writeEp, buf, KT_USB_PACKET_SIZE,
-                                            &transferred, KT_USB_WRITE_TIMEOUT_MS);
+        int err = libusb_interrupt_transfer(m_vyrixHandle, m_writeEp, buf, KT_USB_PACKET_SIZE, &transferred,
+                                            KT_USB_WRITE_TIMEOUT_MS);
         if (err == 0 && transferred <= 0) err = LIBUSB_ERROR_IO;  // no progress: never loop on it
         if (err != 0) {
             LlcLog("<ERROR> %s: Write failed. Error %d\n", "WritePort", err);
