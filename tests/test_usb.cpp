@@ -1,6 +1,7 @@
 // The USB port on the real libusb-1.0 against devices emulated by umockdev.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -213,7 +214,11 @@ TEST_F(Usb, ReadsEndOnDataDeadlineCancelOrUnplug) {
 // the first open transport, USB first.
 TEST_F(Usb, EachHandleReachesItsOwnDeviceBySerialNumber) {
     LogEnd();
-    Sim simA(g_usb->Add(Vyrix(2, "AB12")).TakeStream()), simB(g_usb->Add(Vyrix(3, "CD34")).TakeStream());
+    Vyrix setupA(2, "AB12"), setupB(3, "CD34");
+    setupA.outAddress = 0x02;
+    setupB.outAddress = 0x03;  // each device is written at its own OUT endpoint
+    auto &devA = g_usb->Add(setupA), &devB = g_usb->Add(setupB);
+    Sim simA(devA.TakeStream()), simB(devB.TakeStream());
     auto serial = Sim::OverPty();
     void *library = nullptr, *a = nullptr, *b = nullptr, *uart = nullptr, *again = nullptr;
     ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
@@ -232,12 +237,38 @@ TEST_F(Usb, EachHandleReachesItsOwnDeviceBySerialNumber) {
     EXPECT_EQ(Vyrix_SetBrightness(&stranger, 44, eVYRIX_STORAGE_CURRENT), 0u);  // not a connection: USB first
     EXPECT_EQ(std::make_tuple(simA.ReceivedCount() + simB.ReceivedCount(), serial->ReceivedCount()),
               std::make_tuple(4u, 2u));
+    for (auto* dev : {&devA, &devB}) {
+        const std::vector<uint8_t> endpoints = dev->Observed().endpoints;
+        EXPECT_EQ(std::set<uint8_t>(endpoints.begin(), endpoints.end()).size(), 1u);
+    }
+    EXPECT_EQ(devA.Observed().endpoints.front(), 0x02);
+    EXPECT_EQ(devB.Observed().endpoints.front(), 0x03);
     EXPECT_EQ(std::make_tuple(Vyrix_CloseConnection(a), Vyrix_CloseConnection(b)), std::make_tuple(0u, 0u));
     EXPECT_FALSE(vt::FileExists(UsbLock(2)) || vt::FileExists(UsbLock(3)));
     EXPECT_EQ(Vyrix_SetBrightness(&stranger, 55, eVYRIX_STORAGE_CURRENT), 0u);  // now the serial line
     EXPECT_EQ(serial->ReceivedCount(), 3u);
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
     EXPECT_FALSE(vt::FileExists(vt::SerialLockName(serial->SlavePath())));  // closed with the library
+}
+
+// A process that exits with a USB connection open exits with its own
+// status and leaves no lock file.
+TEST_F(Usb, ExitWithAConnectionOpenReleasesTheDevice) {
+    Sim sim(g_usb->Add(Vyrix(2, "AB12")).TakeStream());
+    const pid_t pid = fork();
+    if (pid == 0) {
+        void *library = nullptr, *conn = nullptr;
+        uint8_t b;
+        if (Vyrix_OpenLibrary(&library) != 0 || Vyrix_OpenConnection(library, &conn, vt::UsbRecord("AB12")) != 0 ||
+            Vyrix_GetBrightness(conn, &b, eVYRIX_STORAGE_CURRENT) != 0)
+            _exit(1);
+        exit(42);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << status;
+    EXPECT_EQ(sim.ReceivedCount(), 1u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(2)));
 }
 
 // Faults over USB: the device unplugged in the middle of a command, of a
