@@ -1,8 +1,11 @@
 // The lock file that marks a device as taken.  The file is created
-// exclusively and an exclusive advisory lock (flock) is held on it for as
-// long as the port is open, so a file whose lock is free was left by a
-// process that died: it is taken over.  Only the file this object created
-// or took over is ever deleted.
+// exclusively, holds the holder's process id as text ("%10d\n", the form
+// serial lock files have always had) and an exclusive advisory lock (flock)
+// is held on it for as long as the port is open.  Programs that take the
+// same name without flock are honoured: a file is taken over only when
+// nobody locks it and it is left over, its process gone or the file older
+// than the system's boot.  Only the file this object created or took over
+// is ever deleted.
 #ifndef LLC_LOCKFILE_H
 #define LLC_LOCKFILE_H
 
@@ -18,8 +21,9 @@ public:
 
     // Creates the lock file `name` (mode 0644, never through a symbolic
     // link), or takes over a stale one, logging an "<INFO>" entry that names
-    // it.  True when the device is now ours; otherwise *pOpenResult is -1
-    // and nothing was changed.
+    // it; either way the file then holds this process's id.  True when the
+    // device is now ours; otherwise *pOpenResult is -1 and another holder's
+    // file was left as it was (one this call failed to write is removed).
     bool Acquire(const char* name, int* pOpenResult);
 
     // Deletes the file named in `lockName` (if any) when it is still the one
@@ -34,6 +38,7 @@ private:
     enum class Attempt { kTaken, kRefused, kRetry };
     Attempt TryCreate(const char* name);
     Attempt TryTakeOver(const char* name);
+    Attempt Claim(const char* name, int fd, int out);
     void Remember(int fd, const struct stat& st);
 
     int m_fd = -1;

@@ -95,11 +95,14 @@ TEST_F(Usb, OpenTakesTheFirstFreeMatchingDevice) {
 }
 
 // A lock file blocks the device while its advisory lock is held; once that
-// is free (its holder died) the file is taken over.
+// is free and the file is left over (made before this boot) it is taken
+// over.
 TEST_F(Usb, HeldLockFileBlocksAStaleOneIsTakenOver) {
     g_usb->Add(Vyrix(2));
     const int held = open(UsbLock(2).c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     ASSERT_GE(held, 0);
+    const struct timespec epoch[2] = {{0, 0}, {0, 0}};
+    ASSERT_EQ(futimens(held, epoch), 0);
     ASSERT_EQ(flock(held, LOCK_EX), 0);
     CUsbPort port;
     EXPECT_EQ(port.OpenPort(), 0x16000000u);
