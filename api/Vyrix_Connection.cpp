@@ -265,18 +265,25 @@ extern "C" Vyrix_ReturnStatus Vyrix_SetReplyTimeout(void* connHandle, unsigned i
     }
 }
 
+namespace {
+// The link of the open connection the handle names; false for any other
+// handle.
+bool LinkOfConnection(const void* handle, KtHandlerRef* pLink) {
+    LibraryLock lock;
+    Vyrix_Connection* entry = FindConnection(handle);
+    if (entry == nullptr) return false;
+    *pLink = entry->link;
+    return true;
+}
+}  // namespace
+
 extern "C" Vyrix_ReturnStatus Vyrix_TakeUnpromptedMessage(void* connHandle, uint8_t* pPayload, uint16_t capacity,
                                                           uint16_t* pLength, uint8_t* pSource) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     if (pPayload == nullptr || pLength == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
         KtHandlerRef link;
-        {
-            LibraryLock lock;
-            Vyrix_Connection* entry = FindConnection(connHandle);
-            if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
-            link = entry->link;
-        }
+        if (!LinkOfConnection(connHandle, &link)) return Result(eVYRIX_INVALID_ARGUMENT);
         KtXlnkMsgS msg{0, 0, 0, 0, capacity, pPayload};
         Vyrix_ReturnStatus r = LlcTakeMessage(link, &msg);
         if (r == eVYRIX_RETURN_SUCCESS || r == Result(eVYRIX_PAYLOAD_TOO_LARGE)) {
@@ -294,12 +301,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_Li
     if (pStats == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
         KtHandlerRef link;
-        {
-            LibraryLock lock;
-            Vyrix_Connection* entry = FindConnection(connHandle);
-            if (entry == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
-            link = entry->link;
-        }
+        if (!LinkOfConnection(connHandle, &link)) return Result(eVYRIX_INVALID_ARGUMENT);
         const KtLinkCountersS c = link ? link->Counters() : KtLinkCountersS{};
         *pStats = Vyrix_LinkStatisticsS{c.packetsSent, c.packetsReceived,  c.bytesSent,       c.bytesReceived,
                                         c.resends,     c.packetsDiscarded, c.messagesDropped, c.linkDowns};

@@ -26,3 +26,4 @@ run "$tests/operation_tests" 'Operations.GetCommandsDecodeTheirReplies:Operation
 run "$tests/api_link_tests" 'Connections.*:Handles.*:TwoDevices.*:Transport.EveryTag*:Transport.ErrorReply*'
 run "$tests/llc_tests" 'Llc.ReplyRoundTrip*:Llc.ResendRequestRepeats*:Llc.PacketsSharing*:Llc.RealPacketAfterNoise*:Llc.CloseFromAnotherThread*:Llc.CallbackMay*:Llc.Oversized*'
 run "$tests/fault_tests" 'Faulty.HangUpInTheMiddleOfAFirmwareUpgrade:Faulty.RepliesSplit*:Faulty.RandomBytes*'
+run "$tests/link_tests" 'Links.ThreadsSharing*:Links.CommandWaiting*:Links.Statistics*:Links.SecondDevice*:MessageQueue.*'
