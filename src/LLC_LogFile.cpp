@@ -28,14 +28,25 @@ constexpr size_t kStampSize = 64;
 constexpr unsigned kUniqueSuffixes = 100;
 constexpr size_t kNameBufferSize = 512;
 
+// The time-stamped log of a process that found the shared file taken.  The
+// process's later logs go back to it instead of making a file for every
+// port opened; it is known by name and inode, so a file put under the name
+// since is never written.  A forked child (another pid) makes its own.
+struct UniqueLog {
+    pid_t ownerPid;  // 0 while the process has none
+    dev_t device;
+    ino_t inode;
+    char name[kNameBufferSize];
+} g_uniqueLog;
+
 // Opens a log file of our own: never through a symbolic link, never
 // blocking on whatever is planted under the name (a FIFO), and only a
 // regular file owned by this user with no other name.  No truncation
-// happens before those checks.
-int OpenOwnedFile(const char* path, int extraFlags) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags, 0644);
+// happens before those checks.  `createFlags`: O_CREAT, O_CREAT | O_EXCL,
+// or 0 for a file that must exist.
+int OpenOwnedFile(const char* path, int createFlags, struct stat& st) {
+    int fd = open(path, O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | createFlags, 0644);
     if (fd < 0) return -1;
-    struct stat st {};
     int flags = fcntl(fd, F_GETFL);
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1 || flags < 0 ||
         fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
@@ -68,14 +79,56 @@ FILE* StreamFor(int fd) {
     setvbuf(f, nullptr, _IOLBF, 0);
     return f;
 }
+
+// Around fork(): the child gets the log's locks free and no copy of a
+// log object in the middle of LogStart, LogEnd or an entry.  Always the
+// lifetime lock first, then the write lock, as writers take them.
+CLogFile* g_logHeldForFork = nullptr;
+
+void PrepareFork() {
+    pthread_rwlock_wrlock(&g_logLifetime);
+    g_logHeldForFork = g_pLogFile;
+    if (g_logHeldForFork != nullptr) g_logHeldForFork->HoldWritesForFork();
+}
+
+void ParentAfterFork() {
+    if (g_logHeldForFork != nullptr) g_logHeldForFork->ReleaseWritesAfterFork();
+    g_logHeldForFork = nullptr;
+    pthread_rwlock_unlock(&g_logLifetime);
+}
+
+void ChildAfterFork() {
+    if (g_logHeldForFork != nullptr) g_logHeldForFork->ReleaseWritesAfterFork();
+    g_logHeldForFork = nullptr;
+    // The lock knows its writer by thread id, and the child's thread has
+    // another: an unlock alone leaves it taken.  The unlock keeps lock
+    // checkers (ThreadSanitizer) in step; the child's only thread held the
+    // lock exclusively, so starting it afresh loses nothing.
+    pthread_rwlock_unlock(&g_logLifetime);
+    pthread_rwlock_init(&g_logLifetime, nullptr);
+}
+
+pthread_once_t g_forkHandlersOnce = PTHREAD_ONCE_INIT;
+void RegisterForkHandlers() { pthread_atfork(PrepareFork, ParentAfterFork, ChildAfterFork); }
+// At load, before any thread can be logging; LogStart makes sure again for
+// a log started from another static initialiser.
+const int g_forkHandlersAtLoad = pthread_once(&g_forkHandlersOnce, RegisterForkHandlers);
 }  // namespace
 
-CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_writeLock() {
+CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_ownerPid(getpid()), m_writeLock() {
     pthread_mutex_init(&m_writeLock, nullptr);
     char name[kNameBufferSize];
     int fd = -1;
-    if (ConfiguredTarget() == LogTarget::kFile && RuntimeFileName(name, sizeof name, "%s", KT_LOG_FILE_NAME))
-        fd = OpenOwnedFile(name, 0);
+    struct stat st {};
+    if (ConfiguredTarget() == LogTarget::kFile) {
+        if (g_uniqueLog.ownerPid == m_ownerPid) {
+            // Once on a file of its own, the process stays there even when
+            // the shared file is free again: one log per process.
+            ReopenUniqueFile();
+            return;
+        }
+        if (RuntimeFileName(name, sizeof name, "%s", KT_LOG_FILE_NAME)) fd = OpenOwnedFile(name, O_CREAT, st);
+    }
     if (fd < 0) {
         m_pFileHandle = stderr;
         return;
@@ -102,24 +155,55 @@ CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_writeLock() {
 void CLogFile::OpenUniqueFile() {
     char newFilename[kNameBufferSize] = {0};
     int fd = -1;
+    struct stat st {};
     const int length = genUniqueFilename(newFilename, sizeof newFilename);
     if (length > 0) {
         // Always a new file: when another process took the name in the same
         // second, "_<n>" goes before ".log".
         char* const extension = newFilename + length - strlen(".log");
         const size_t room = sizeof newFilename - static_cast<size_t>(extension - newFilename);
-        fd = OpenOwnedFile(newFilename, O_EXCL);
+        fd = OpenOwnedFile(newFilename, O_CREAT | O_EXCL, st);
         for (unsigned suffix = 1; fd < 0 && errno == EEXIST && suffix <= kUniqueSuffixes; ++suffix) {
             const int n = snprintf(extension, room, "_%u.log", suffix);
             if (n < 0 || static_cast<size_t>(n) >= room) break;
-            fd = OpenOwnedFile(newFilename, O_EXCL);
+            fd = OpenOwnedFile(newFilename, O_CREAT | O_EXCL, st);
         }
     }
+    if (fd >= 0) {
+        g_uniqueLog.ownerPid = m_ownerPid;
+        g_uniqueLog.device = st.st_dev;
+        g_uniqueLog.inode = st.st_ino;
+        memcpy(g_uniqueLog.name, newFilename, sizeof g_uniqueLog.name);
+    }
+    UseFile(fd);
+}
+
+// Appends to the process's time-stamped log, never emptying it; when the
+// file is gone or another one is under its name, a new one takes over.
+void CLogFile::ReopenUniqueFile() {
+    struct stat st {};
+    int fd = OpenOwnedFile(g_uniqueLog.name, 0, st);
+    if (fd >= 0 && (st.st_dev != g_uniqueLog.device || st.st_ino != g_uniqueLog.inode)) {
+        close(fd);
+        fd = -1;
+    }
+    if (fd < 0) {
+        OpenUniqueFile();
+        return;
+    }
+    UseFile(fd);
+}
+
+void CLogFile::UseFile(int fd) {
     m_pFileHandle = fd >= 0 ? StreamFor(fd) : nullptr;
     if (m_pFileHandle == nullptr) {
         printf("CLogFile: Open file failed.\n");
         m_pFileHandle = stdout;
     }
+}
+
+bool CLogFile::OwnsStream() const {
+    return m_pFileHandle != nullptr && m_pFileHandle != stdout && m_pFileHandle != stderr;
 }
 
 CLogFile* CLogFile::getInstance() {
@@ -129,8 +213,12 @@ CLogFile* CLogFile::getInstance() {
 
 CLogFile::~CLogFile() {
     if (m_pCLogInst == nullptr) return;
-    if (m_pFileHandle != stdout && m_pFileHandle != stderr && m_pFileHandle != nullptr) {
-        if (m_fd >= 0) flock(m_fd, LOCK_UN);
+    if (OwnsStream()) {
+        // A forked child's copy shares the parent's open file description,
+        // and with it the parent's lock: only the process that took the
+        // lock lets it go.  Closing the child's descriptor leaves it alone,
+        // the parent's is still open.
+        if (m_fd >= 0 && m_ownerPid == getpid()) flock(m_fd, LOCK_UN);
         fclose(m_pFileHandle);
     }
     m_pFileHandle = nullptr;
@@ -156,6 +244,15 @@ void CLogFile::WriteLogFileEx(const char* fmt, va_list varParList) {
     pthread_mutex_unlock(&m_writeLock);
 }
 
+void CLogFile::HoldWritesForFork() {
+    pthread_mutex_lock(&m_writeLock);
+    // Entries end in a newline and go out at once; a partial one left in
+    // the buffer would otherwise be written by both processes.
+    if (OwnsStream()) fflush(m_pFileHandle);
+}
+
+void CLogFile::ReleaseWritesAfterFork() { pthread_mutex_unlock(&m_writeLock); }
+
 void CLogFile::WriteLogFile(const char* fmt, ...) {
     if (fmt == nullptr) return;
     va_list args;
@@ -165,6 +262,7 @@ void CLogFile::WriteLogFile(const char* fmt, ...) {
 }
 
 void LogStart() {
+    pthread_once(&g_forkHandlersOnce, RegisterForkHandlers);
     pthread_rwlock_wrlock(&g_logLifetime);
     if (g_pLogFile == nullptr && ConfiguredTarget() != LogTarget::kOff) g_pLogFile = CLogFile::getInstance();
     pthread_rwlock_unlock(&g_logLifetime);

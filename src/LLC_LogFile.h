@@ -1,12 +1,15 @@
 // The process-wide log: Vyrix_SDK.log in the runtime directory (/tmp unless
 // VYRIX_RUNTIME_DIR names another), shared between processes by an advisory
 // lock, with a time-stamped file of its own for a process that finds the
-// shared file taken.  VYRIX_LOG=stderr sends the entries to standard error,
-// VYRIX_LOG=off turns the log off.
+// shared file taken (kept for the rest of the process's life).
+// VYRIX_LOG=stderr sends the entries to standard error, VYRIX_LOG=off turns
+// the log off.  Safe across fork(): a child's copy never takes the parent's
+// lock with it.
 #ifndef LLC_LOGFILE_H
 #define LLC_LOGFILE_H
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -29,12 +32,21 @@ public:
     // The stream entries go to (for tests and diagnostics).
     FILE* Stream() const { return m_pFileHandle; }
 
+    // Held across fork() (pthread_atfork) so that the child's copy is never
+    // taken in the middle of an entry.
+    void HoldWritesForFork();
+    void ReleaseWritesAfterFork();
+
 private:
     CLogFile();
     void OpenUniqueFile();
+    void ReopenUniqueFile();
+    void UseFile(int fd);
+    bool OwnsStream() const;
 
     FILE* m_pFileHandle;
-    int m_fd;
+    int m_fd;  // the shared file, locked by m_ownerPid; -1 for other targets
+    pid_t m_ownerPid;
     pthread_mutex_t m_writeLock;
     static CLogFile* m_pCLogInst;
 };
