@@ -118,7 +118,7 @@ void CCallbackDispatcher::Run(const std::shared_ptr<Generation>& generation) {
         s.ready.pop_front();
         if (!link) continue;
         CCommHandler::Announcements& due = link->m_announce;
-        if (due.pending == 0 || !link->IsOpen()) {
+        if (due.pending == 0 || link->IsClosing()) {
             due = CCommHandler::Announcements();
             continue;
         }

@@ -86,8 +86,8 @@ public:
 
     // Belongs to the process this one was forked from.
     bool IsInherited() const;
-    // Whether the link is open and up (false once closing started).
-    bool IsOpen() const { return m_bConnected && !m_closing; }
+    // Whether a close has started (messages still queued are not announced).
+    bool IsClosing() const { return m_closing; }
 
     Vyrix_ReturnStatus ClosePort();
 

@@ -54,14 +54,6 @@ int WaitChild(pid_t pid, int limitMs = 10000) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// ThreadSanitizer cannot follow a child of a threaded process that starts
-// threads of its own; the plain and AddressSanitizer builds run these.
-#if defined(__SANITIZE_THREAD__)
-#define SKIP_UNDER_TSAN() GTEST_SKIP() << "a forked child that starts threads"
-#else
-#define SKIP_UNDER_TSAN() (void)0
-#endif
-
 bool SameLine(const termios& a, const termios& b) {
     return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag && a.c_lflag == b.c_lflag &&
            cfgetispeed(&a) == cfgetispeed(&b);
@@ -178,7 +170,7 @@ TEST_F(Links, CloseLibraryWhileAnotherThreadRunsCommands) {
 // connected and may open a device of its own.  A normal exit closes that
 // device (lock file gone, line restored); _exit leaves a stale lock file.
 TEST_F(Links, ForkedChildLeavesTheParentsLinkAlone) {
-    SKIP_UNDER_TSAN();
+    VT_SKIP_THREADED_FORK_UNDER_SANITIZERS();
     for (const bool normalExit : {true, false}) {
         SCOPED_TRACE(normalExit ? "exit" : "_exit");
         auto own = DeviceSimulator::OverPty();
@@ -220,7 +212,7 @@ TEST_F(Links, ForkedChildLeavesTheParentsLinkAlone) {
 // A process that exits with its connection open exits with its own status:
 // no abort, lock file removed, line restored.
 TEST_F(Links, ExitWithAConnectionOpenClosesItOnTheWayOut) {
-    SKIP_UNDER_TSAN();
+    VT_SKIP_THREADED_FORK_UNDER_SANITIZERS();
     ASSERT_EQ(Vyrix_CloseLibrary(library), 0u);
     const termios before = LineOf(path);
     const pid_t pid = fork();

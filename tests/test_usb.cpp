@@ -257,6 +257,7 @@ TEST_F(Usb, EachHandleReachesItsOwnDeviceBySerialNumber) {
 // A process that exits with a USB connection open exits with its own
 // status and leaves no lock file.
 TEST_F(Usb, ExitWithAConnectionOpenReleasesTheDevice) {
+    VT_SKIP_THREADED_FORK_UNDER_SANITIZERS();
     Sim sim(g_usb->Add(Vyrix(2, "AB12")).TakeStream());
     const pid_t pid = fork();
     if (pid == 0) {
