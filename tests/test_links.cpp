@@ -28,6 +28,7 @@ using vyrix::sim::HostPacket;
 using vyrix::sim::Reply;
 
 constexpr uint32_t kNotConnected = 0x16000000u;
+constexpr Vyrix_ValueStorageTypeE kCurrent = eVYRIX_STORAGE_CURRENT;
 
 Vyrix_ReturnStatus Ignore(void*) { return eVYRIX_RETURN_SUCCESS; }
 
@@ -84,16 +85,16 @@ TEST_F(Links, ThreadsSharingAConnectionEachGetTheirOwnReply) {
         uint8_t opcode;
         std::function<Vyrix_ReturnStatus(void*, uint32_t*)> call;
     };
-    const auto S = eVYRIX_STORAGE_CURRENT;
     const std::vector<Get> gets = {
         {11, [](void* h, uint32_t* v) { return Vyrix_GetInputVideoState(h, v, 0); }},
-        {13, [S](void* h, uint32_t* v) { return Vyrix_GetColorMode(h, reinterpret_cast<int32_t*>(v), S); }},
-        {15, [S](void* h, uint32_t* v) { return Vyrix_GetFlipState(h, v, S); }},
-        {17, [S](void* h, uint32_t* v) { return Vyrix_GetOutputVideoState(h, v, S); }},
-        {22, [S](void* h, uint32_t* v) { return Vyrix_GetColorConverter(h, 1, reinterpret_cast<int32_t*>(v), S); }},
-        {28, [S](void* h, uint32_t* v) { return Vyrix_GetVideoGammaBoostMode(h, 0, v, S); }},
-        {47, [S](void* h, uint32_t* v) { return Vyrix_GetSensingState(h, v, S); }},
-        {70, [S](void* h, uint32_t* v) { return Vyrix_GetMicroWeaveMode(h, v, S); }},
+        {13, [](void* h, uint32_t* v) { return Vyrix_GetColorMode(h, reinterpret_cast<int32_t*>(v), kCurrent); }},
+        {15, [](void* h, uint32_t* v) { return Vyrix_GetFlipState(h, v, kCurrent); }},
+        {17, [](void* h, uint32_t* v) { return Vyrix_GetOutputVideoState(h, v, kCurrent); }},
+        {22,
+         [](void* h, uint32_t* v) { return Vyrix_GetColorConverter(h, 1, reinterpret_cast<int32_t*>(v), kCurrent); }},
+        {28, [](void* h, uint32_t* v) { return Vyrix_GetVideoGammaBoostMode(h, 0, v, kCurrent); }},
+        {47, [](void* h, uint32_t* v) { return Vyrix_GetSensingState(h, v, kCurrent); }},
+        {70, [](void* h, uint32_t* v) { return Vyrix_GetMicroWeaveMode(h, v, kCurrent); }},
     };
     constexpr int kCalls = 200;
     std::atomic<int> wrong{0}, failed{0};
