@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -85,6 +86,23 @@ protected:
         for (size_t at = 0; (at = trace.find("host ->", at)) != std::string::npos; ++at) ++n;
         return n;
     }
+    // Packets and bytes in the trace lines of one direction ("host ->" or
+    // "device <-").
+    struct Traffic {
+        long long packets = 0, bytes = 0;
+    };
+    Traffic Traced(const std::string& direction) const {
+        std::istringstream trace(vt::ReadFile(Path("sim.err")));
+        Traffic t;
+        for (std::string line; std::getline(trace, line);) {
+            const size_t at = line.find("] " + direction + " ");
+            if (at == std::string::npos) continue;
+            ++t.packets;
+            for (const std::string& w : Words(line.substr(at)))
+                t.bytes += w.size() == 2 && std::isxdigit(static_cast<unsigned char>(w[0]));
+        }
+        return t;
+    }
     Outcome Run(const std::string& program, const std::string& args) {
         std::vector<std::string> argv = {program};
         for (const std::string& w : Words(args)) argv.push_back(w == "LINK" ? link : w);
@@ -158,6 +176,39 @@ TEST_F(Tools, GetSetAndJsonWithOptionsAnywhere) {
     Outcome saved = Ctl("--uart LINK get brightness --storage 1");
     EXPECT_TRUE(vt::Contains(saved.out, "value:             42")) << saved.out;
     EXPECT_EQ(saved.err, "");
+
+    // stats: one status read, then the counters of that exchange, in both
+    // forms; they match what the simulator traced in each direction.
+    const std::vector<std::string> names = {"packetsSent", "packetsReceived",  "bytesSent",       "bytesReceived",
+                                            "resends",     "packetsDiscarded", "messagesDropped", "linkDowns"};
+    for (const std::string args : {"stats --json --uart LINK", "--uart LINK stats"}) {
+        const Traffic sentBefore = Traced("host ->"), receivedBefore = Traced("device <-");
+        Outcome stats = Ctl(args);
+        ASSERT_EQ(stats.status, 0) << args << ": " << stats.err;
+        const Traffic sent = Traced("host ->"), received = Traced("device <-");
+        nlohmann::ordered_json counters = nlohmann::ordered_json::object();
+        if (vt::Contains(args, "--json")) {
+            counters = nlohmann::ordered_json::parse(stats.out);
+            EXPECT_EQ(counters["command"], "stats");
+            EXPECT_EQ(counters["result"], "eVYRIX_SUCCESS");
+            for (const char* key : {"command", "result", "code"}) counters.erase(key);
+        } else {
+            std::istringstream lines(stats.out);
+            for (std::string name, value; lines >> name >> value;)
+                if (name != "result:") counters[name.substr(0, name.size() - 1)] = std::stoll(value);
+        }
+        std::vector<std::string> keys;
+        for (const auto& item : counters.items()) keys.push_back(item.key());
+        EXPECT_EQ(keys, names) << stats.out;
+        EXPECT_EQ(sent.packets - sentBefore.packets, 1) << args;  // the status read, nothing else
+        EXPECT_EQ(counters["packetsSent"], sent.packets - sentBefore.packets) << args;
+        EXPECT_EQ(counters["bytesSent"], sent.bytes - sentBefore.bytes) << args;
+        EXPECT_EQ(counters["packetsReceived"], received.packets - receivedBefore.packets) << args;
+        EXPECT_EQ(counters["bytesReceived"], received.bytes - receivedBefore.bytes) << args;
+        EXPECT_GT(counters["bytesSent"], 0) << args;
+        for (const char* none : {"resends", "packetsDiscarded", "messagesDropped", "linkDowns"})
+            EXPECT_EQ(counters[none], 0) << none;
+    }
 }
 
 // Refused before anything is sent, with exit 2 for a usage error and 1 for
@@ -186,6 +237,7 @@ TEST_F(Tools, RefusalsExitTwoOrOneWithOneLine) {
         {"--uart LINK set output-video 1", 2, "read only"},
         {"--uart LINK --timeout -1 info", 2, "--timeout out of range"},
         {"--uart LINK info --frob", 2, "--frob"},
+        {"--uart LINK stats 1", 2, "not expected: 1"},
         {"--uart LINK raw 0x27 1FF", 2, "BYTES are hexadecimal 00..FF: 1FF"},
         {"--uart LINK", 2, "subcommand"},
         {"--uart " + Path("none") + " status", 1, "none: no such device (eVYRIX_NOT_CONNECTED)"},

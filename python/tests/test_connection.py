@@ -1,5 +1,6 @@
 """Opening and closing, unprompted messages, firmware upgrades and errors, each against a fresh simulator."""
 
+import dataclasses
 import itertools
 import os
 import tempfile
@@ -38,6 +39,28 @@ def test_missing_device_path():
         vyrix.open_uart(missing)
     assert type(error.value) is vyrix.Failure
     assert lock_file(missing) is None
+
+
+def test_statistics_count_one_command(simulator):
+    sim = simulator()
+    with vyrix.open_uart(sim.link) as dev:
+        dev.get_brightness()
+        stats = dev.statistics()
+    assert (stats.packets_sent, stats.packets_received) == (1, 1)
+    assert stats == vyrix.LinkStatistics(1, 1, stats.bytes_sent, stats.bytes_received, 0, 0, 0, 0)
+    assert stats.bytes_sent > 0 and stats.bytes_received > 0
+    assert [f.name for f in dataclasses.fields(stats)] == [
+        "packets_sent",
+        "packets_received",
+        "bytes_sent",
+        "bytes_received",
+        "resends",
+        "packets_discarded",
+        "messages_dropped",
+        "link_downs",
+    ]
+    with pytest.raises(vyrix.NotConnected):
+        dev.statistics()
 
 
 def test_unprompted_messages(simulator):

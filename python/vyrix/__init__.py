@@ -20,6 +20,7 @@ from .model import (
     EventLogEntry,
     FrameRate,
     LibraryInfo,
+    LinkStatistics,
     Message,
     Protocol,
     Storage,

@@ -19,6 +19,7 @@ from ._records import (
     EventLogEntry,
     FrameRate,
     LibraryInfo,
+    LinkStatistics,
     SystemInfo,
     SystemStatus,
     UartConnectionInfo,
@@ -76,6 +77,12 @@ _PROTOTYPES = {
     "KtEnumerateBTHDevices": (c_uint, POINTER(c_uint), c_void_p),
 }
 
+# Functions that older builds of the library lack: declared when present;
+# calling one that is absent raises NotSupported.
+_OPTIONAL_PROTOTYPES = {
+    "Vyrix_GetLinkStatistics": (_h, POINTER(LinkStatistics)),
+}
+
 # Vyrix_OpenConnection takes the connection record by value; one prototype
 # per transport record (see _records).
 _OPEN_CONNECTION = {
@@ -128,6 +135,14 @@ class _Library:
             function = getattr(self.dll, name)
             function.argtypes = argtypes
             function.restype = c_uint32
+        self.missing = set()
+        for name, argtypes in _OPTIONAL_PROTOTYPES.items():
+            function = getattr(self.dll, name, None)
+            if function is None:
+                self.missing.add(name)
+                continue
+            function.argtypes = argtypes
+            function.restype = c_uint32
         self._open_connection = {
             info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()
         }
@@ -164,6 +179,8 @@ class _Library:
 
     def call(self, name, *args):
         """Call a declared function after checking that integers fit their C types."""
+        if name in self.missing:
+            raise errors.NotSupported(errors.ResultCode.NOT_SUPPORTED.result, name + ": not in this library build")
         function = getattr(self.dll, name)
         for value, ctype in zip(args, function.argtypes):
             bounds = _BOUNDS.get(ctype)

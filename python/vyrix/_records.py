@@ -6,7 +6,7 @@ name starts with '_' are padding of our own.
 """
 
 import ctypes
-from ctypes import c_char, c_char_p, c_float, c_int32, c_uint, c_uint8, c_uint16, c_uint32
+from ctypes import c_char, c_char_p, c_float, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_uint64
 
 
 class LibraryInfo(ctypes.Structure):
@@ -110,6 +110,23 @@ class BTHDiscoveryInfo(ctypes.Structure):
     _fields_ = [("uniqueID", c_char * 25), ("friendlyName", c_char * 249)]
 
 
+class LinkStatistics(ctypes.Structure):
+    _c_name_ = "Vyrix_LinkStatisticsS"
+    _fields_ = [
+        (name, c_uint64)
+        for name in (
+            "packetsSent",
+            "packetsReceived",
+            "bytesSent",
+            "bytesReceived",
+            "resends",
+            "packetsDiscarded",
+            "messagesDropped",
+            "linkDowns",
+        )
+    ]
+
+
 RECORDS = [
     LibraryInfo,
     UartInfo,
@@ -126,6 +143,7 @@ RECORDS = [
     XlnkMsg,
     EnumerateUSBInfo,
     BTHDiscoveryInfo,
+    LinkStatistics,
 ]
 
 # Scalar types whose width the package assumes.

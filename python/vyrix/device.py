@@ -13,6 +13,7 @@ from .model import (
     EventLogEntry,
     FrameRate,
     LibraryInfo,
+    LinkStatistics,
     Message,
     Storage,
     SystemInfo,
@@ -227,6 +228,17 @@ class Device:
     def draw_test_pattern(self, pattern, param1=0, param2=0):
         """Pattern at most 4; the parameters are the device's."""
         self._call("Vyrix_DrawTestPattern", pattern, param1, param2)
+
+    # ---- the link ----
+
+    def statistics(self):
+        """What this connection's link has counted since it opened; sends nothing.
+
+        Read while other threads run commands, the counters may be a command apart.
+        """
+        out = rec.LinkStatistics()
+        self._call("Vyrix_GetLinkStatistics", byref(out))
+        return LinkStatistics(*(getattr(out, name) for name, _ in rec.LinkStatistics._fields_))
 
     # ---- unprompted messages ----
 

@@ -95,6 +95,20 @@ class EventLogEntry:
 
 
 @dataclasses.dataclass(frozen=True)
+class LinkStatistics:
+    """What one connection's link has counted since it opened."""
+
+    packets_sent: int  # resends included
+    packets_received: int
+    bytes_sent: int  # every byte that crossed the port
+    bytes_received: int
+    resends: int  # packets sent again at the device's request
+    packets_discarded: int  # damaged packets and false starts, replies dropped at the queue bound
+    messages_dropped: int  # unprompted messages dropped at the queue bound
+    link_downs: int  # times the link went down (a close is not one)
+
+
+@dataclasses.dataclass(frozen=True)
 class Message:
     """A message the device sent of its own accord."""
 

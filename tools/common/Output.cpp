@@ -42,6 +42,11 @@ void Report::Add(const std::string& key, long long value) {
     lines_.emplace_back(key, std::to_string(value));
 }
 
+void Report::AddCount(const std::string& key, uint64_t value) {
+    fields_[key] = value;
+    lines_.emplace_back(key, std::to_string(value));
+}
+
 void Report::AddRows(const std::string& key, const std::vector<Row>& rows) {
     tableKey_ = key;
     rows_ = rows;

@@ -25,6 +25,8 @@ public:
     // A field; text that is a plain decimal number is a number in JSON.
     void Add(const std::string& key, const std::string& value);
     void Add(const std::string& key, long long value);
+    // A counter: a JSON integer over the whole unsigned 64-bit range.
+    void AddCount(const std::string& key, uint64_t value);
     // A field that stays text in JSON even when it looks like a number.
     void AddText(const std::string& key, const std::string& value);
     // A table (a JSON array of objects).

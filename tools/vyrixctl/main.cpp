@@ -193,6 +193,31 @@ int Status(void* h, bool json) {
     return report.Finish(r);
 }
 
+// A connection the tool has just opened has counted nothing, so one command
+// that changes nothing (the status read) goes first and the counters show
+// a real exchange with the device.
+int Stats(void* h, bool json) {
+    Report report("stats", json);
+    Vyrix_SystemStatusS status{};
+    Vyrix_ReturnStatus r = Vyrix_GetSystemStatus(h, &status);
+    Vyrix_LinkStatisticsS s{};
+    if (r == 0) r = Vyrix_GetLinkStatistics(h, &s);
+    if (r == 0) {
+        const std::pair<const char*, uint64_t> counters[] = {
+            {"packetsSent", s.packetsSent},
+            {"packetsReceived", s.packetsReceived},
+            {"bytesSent", s.bytesSent},
+            {"bytesReceived", s.bytesReceived},
+            {"resends", s.resends},
+            {"packetsDiscarded", s.packetsDiscarded},
+            {"messagesDropped", s.messagesDropped},
+            {"linkDowns", s.linkDowns},
+        };
+        for (const auto& [name, value] : counters) report.AddCount(name, value);
+    }
+    return report.Finish(r);
+}
+
 int Events(void* h, unsigned count, bool json) {
     Report report("events", json);
     std::vector<Vyrix_EventLogEntryS> entries(count);
@@ -384,6 +409,10 @@ int main(int argc, char** argv) {
     list->add_option("TRANSPORT", what, "uart, usb or bt")->required()->check(CLI::IsMember({"uart", "usb", "bt"}));
     auto* info = app.add_subcommand("info", "System information");
     auto* status = app.add_subcommand("status", "System status");
+    auto* stats = app.add_subcommand(
+        "stats",
+        "Read the system status once, then print the link's counters (packets, bytes, resends, ...); they count "
+        "from the moment vyrixctl opened the connection, so they show that one exchange");
     std::string name, value;
     auto addScope = [&](CLI::App* cmd) {
         cmd->add_option("--storage", ctx.storage, "0 current, 1 saved, 2 factory (read only)");
@@ -501,6 +530,8 @@ int main(int argc, char** argv) {
             exitStatus = Info(h, json);
         } else if (*status) {
             exitStatus = Status(h, json);
+        } else if (*stats) {
+            exitStatus = Stats(h, json);
         } else if (*get) {
             Report report(command, json);
             std::string text;
