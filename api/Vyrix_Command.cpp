@@ -152,18 +152,20 @@ Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPa
     if (pSent != nullptr) *pSent = false;
     const KtHandlerRef& link = route.link;
     const CDeadline deadline = CDeadline::After(route.replyTimeoutMs);
-    std::unique_ptr<CCommandTurn> turn;
-    if (link) {
-        turn.reset(new CCommandTurn(link->Gate(), deadline));
-        // A link that is down lets the send below report it, as it always has.
-        if (turn->Result() != eVYRIX_RETURN_SUCCESS && !HasCode(turn->Result(), eVYRIX_NOT_CONNECTED))
-            return turn->Result();
-    }
+    const CCommandTurn turn(link ? &link->Gate() : nullptr, deadline);
+    // A link that is down lets the send below report it, as it always has.
+    if (turn.Result() != eVYRIX_RETURN_SUCCESS && !HasCode(turn.Result(), eVYRIX_NOT_CONNECTED)) return turn.Result();
     Vyrix_ReturnStatus r = SendOn(link, pPayload, payloadLen, deviceId);
     if (r != eVYRIX_RETURN_SUCCESS) return r;
     if (pSent != nullptr) *pSent = true;
     const uint8_t expected = static_cast<uint8_t>(pPayload[2] & kSequenceMask);
-    if (pauseBeforeReplyMs > 0) KtSleep(pauseBeforeReplyMs);
+    if (pauseBeforeReplyMs > 0) {
+        // The reply wait below reports a link that went down during it.
+        if (link)
+            link->Gate().Pause(CDeadline::After(pauseBeforeReplyMs));
+        else
+            KtSleep(pauseBeforeReplyMs);
+    }
     unsigned char* ack = nullptr;
     unsigned short ackLength = kReplyCapacity;
     if (ppReply == nullptr) {

@@ -20,6 +20,13 @@ void CCommandGate::Leave() {
     m_free.notify_one();
 }
 
+bool CCommandGate::Pause(const CDeadline& until) {
+    // The holder is the only one who could call Leave, so only Close wakes
+    // this wait before its deadline.
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return !m_free.wait_until(lock, until.When(), [this] { return m_closed; });
+}
+
 void CCommandGate::Close() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);

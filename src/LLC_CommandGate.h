@@ -22,6 +22,9 @@ public:
     // link is down.
     Vyrix_ReturnStatus Enter(const CDeadline& deadline);
     void Leave();
+    // A pause the protocol asks for while the caller holds the gate; it ends
+    // early (false) when the link goes down or closes.
+    bool Pause(const CDeadline& until);
     // The link went down or is closing: waiters leave with 0x16000000 and no
     // one enters again.
     void Close();
@@ -33,19 +36,21 @@ private:
     bool m_closed = false;
 };
 
-// Holds the gate for a scope once Enter succeeded.
+// Holds the gate for a scope once Enter succeeded.  Without a gate (no
+// link to hold) it holds nothing and succeeds.
 class CCommandTurn {
 public:
-    CCommandTurn(CCommandGate& gate, const CDeadline& deadline) : m_gate(gate), m_result(gate.Enter(deadline)) {}
+    CCommandTurn(CCommandGate* gate, const CDeadline& deadline)
+        : m_gate(gate), m_result(gate != nullptr ? gate->Enter(deadline) : RC_OK) {}
     ~CCommandTurn() {
-        if (m_result == RC_OK) m_gate.Leave();
+        if (m_gate != nullptr && m_result == RC_OK) m_gate->Leave();
     }
     CCommandTurn(const CCommandTurn&) = delete;
     CCommandTurn& operator=(const CCommandTurn&) = delete;
     Vyrix_ReturnStatus Result() const { return m_result; }
 
 private:
-    CCommandGate& m_gate;
+    CCommandGate* m_gate;
     Vyrix_ReturnStatus m_result;
 };
 

@@ -98,5 +98,6 @@ std::vector<KtHandlerRef> CHandlerTable::TakeAll() {
 
 void CHandlerTable::KeepInherited(KtHandlerRef link) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_inherited.push_back(std::move(link));
+    if (std::find(m_inherited.begin(), m_inherited.end(), link) == m_inherited.end())
+        m_inherited.push_back(std::move(link));
 }

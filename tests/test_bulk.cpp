@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <numeric>
 #include <tuple>
 
@@ -95,6 +96,21 @@ TEST_F(Bulk, OtherOpcodesHaveTheShortHeader) {
     const size_t sent = sim->ReceivedCount();
     EXPECT_EQ(AlcSendImageCommandGeneric(0x70, nullptr, 0, eVYRIX_RENDER_TARGET_0, {}, {}, eEP_DEVICE, nullptr), 0u);
     EXPECT_EQ(sim->ReceivedCount(), sent);  // no data: nothing sent
+}
+
+// The twenty-second pause ends when the device goes away during it.
+TEST_F(Bulk, DeviceGoneDuringTheFinalPauseEndsTheTransferAtOnce) {
+    const vyrix::sim::Responder acknowledge = Answering({});
+    sim->SetResponder([&](const vyrix::sim::HostPacket& p) {
+        return At16(p.payload, 4) < 2 ? acknowledge(p) : std::nullopt;  // the last chunk goes unanswered
+    });
+    Bytes data = Data(5000);
+    vt::Stopwatch watch;
+    auto transfer = std::async(std::launch::async, [&] { return SendImage(0x70, data); });
+    ASSERT_TRUE(sim->WaitForPackets(3, std::chrono::seconds(5)));
+    sim->HangUp();
+    EXPECT_EQ(transfer.get(), 0x16000000u);
+    EXPECT_LT(watch.Ms(), 10000);
 }
 
 std::atomic<int> g_progressCalls{0};
