@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-14-dev clang-format valgrind
   dpkg-dev file lintian
   python3 python3-pytest
+  ser2net
 )
 
 missing=()

@@ -1,0 +1,183 @@
+// A line on another host, through a real ser2net in front of the device
+// simulator: one packet's round trip through the library (raw TCP and
+// RFC 2217) against the same bytes written and read back over a bare TCP
+// socket through the same ser2net; and a 200 kB firmware upgrade over a
+// line paced at 57600 baud against the time its bytes need on the wire.
+// The ratios are printed at the end.
+#include <benchmark/benchmark.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DeviceSimulator.h"
+#include "LLC_XlnkMsgHandler.h"
+#include "NetServer.h"
+#include "Vyrix_Api.h"
+#include "Vyrix_LLC_Api_Ex.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+const Bytes kCommand = {0x2A, 0x2A, 0x41, 0x2A, 1, 2, 3, 4};
+
+// Mean seconds per iteration of each benchmark, for the ratios.
+std::map<std::string, double>& Means() {
+    static std::map<std::string, double> means;
+    return means;
+}
+
+// One simulator behind one ser2net that exports it twice: raw TCP on
+// line 0, Telnet with RFC 2217 on line 1 (used one at a time).
+struct Exported {
+    explicit Exported(unsigned baud = 0) : sim(vyrix::sim::DeviceSimulator::OverPty()) {
+        sim->SetBaud(baud);
+        sim->SetRecording(false);
+        server = std::make_unique<vt::Ser2Net>(
+            std::vector<vt::Ser2Net::Line>{{sim->SlavePath(), false}, {sim->SlavePath(), true}});
+        ok = server->Ready();
+    }
+    std::string Url(bool rfc2217) const { return server->Url(rfc2217 ? 1 : 0, rfc2217 ? "rfc2217" : "tcp"); }
+    std::unique_ptr<vyrix::sim::DeviceSimulator> sim;
+    std::unique_ptr<vt::Ser2Net> server;
+    bool ok = false;
+};
+
+void Echo(vyrix::sim::DeviceSimulator& sim) {
+    sim.SetResponder([](const vyrix::sim::HostPacket& p) {
+        return std::optional<vyrix::sim::Reply>(vyrix::sim::Reply{2, 0, 1, p.payload});
+    });
+}
+
+template <typename Body>
+void Timed(benchmark::State& state, Body body) {
+    const auto start = Clock::now();
+    long n = 0;
+    for (auto _ : state) {
+        body();
+        ++n;
+    }
+    Means()[state.name()] = std::chrono::duration<double>(Clock::now() - start).count() / static_cast<double>(n);
+}
+
+void LibraryRoundTrip(benchmark::State& state, bool rfc2217) {
+    Exported line;
+    Echo(*line.sim);
+    if (!line.ok || KtOpenSerialPortByName(line.Url(rfc2217).c_str(), 57600) != 0)
+        return state.SkipWithError("cannot connect through ser2net");
+    Bytes command = kCommand, reply(4096);
+    Timed(state, [&] {
+        KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(command.size()), command.data()};
+        KtSendMsg(msg);
+        KtXlnkMsgS in{};
+        in.pPayload = reply.data();
+        if (KtRemoveMsg(&in, 50) != 0) state.SkipWithError("no reply");
+    });
+    KtCloseSerialPort();
+}
+void BM_LibraryRoundTripTcp(benchmark::State& state) { LibraryRoundTrip(state, false); }
+void BM_LibraryRoundTripRfc2217(benchmark::State& state) { LibraryRoundTrip(state, true); }
+BENCHMARK(BM_LibraryRoundTripTcp)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_LibraryRoundTripRfc2217)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// The library's packet and the device's echo, over a plain socket.
+void BM_BareTcpRoundTrip(benchmark::State& state) {
+    Exported line;
+    Echo(*line.sim);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const std::string url = line.Url(false);
+    addr.sin_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    if (!line.ok || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return state.SkipWithError("cannot connect to ser2net");
+    }
+    Bytes command = kCommand;
+    Bytes packet(command.size() + 6);
+    CXlnkMsgHandler codec;
+    codec.EncodePacket(KtXlnkMsgS{2, 0, 0, 1, static_cast<WORD>(command.size()), command.data()}, packet.data());
+    Bytes reply(packet.size());
+    Timed(state, [&] {
+        if (write(fd, packet.data(), packet.size()) != static_cast<ssize_t>(packet.size()))
+            state.SkipWithError("write");
+        for (size_t got = 0; got < reply.size();) {
+            const ssize_t n = read(fd, reply.data() + got, reply.size() - got);
+            if (n <= 0) return state.SkipWithError("read");
+            got += static_cast<size_t>(n);
+        }
+    });
+    close(fd);
+}
+BENCHMARK(BM_BareTcpRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// 200 kB in 4000-byte chunks over a line paced at 57600 baud 8N1: the wall
+// time against the time the bytes of both directions need on the wire.
+void Upgrade(benchmark::State& state, bool rfc2217) {
+    constexpr unsigned kBaud = 57600;
+    constexpr uint32_t kChunk = 4000, kImage = 200000;
+    Exported line(kBaud);
+    void* library = nullptr;
+    void* connection = nullptr;
+    Vyrix_OpenLibrary(&library);
+    const std::string url = line.Url(rfc2217);
+    Vyrix_ConnectionInfoS info{};
+    info.connectionType = eVYRIX_CONNECTION_UART;
+    info.uartInfo = Vyrix_UartInfoS{url.c_str(), kBaud, 0, 1};
+    if (!line.ok || Vyrix_OpenConnection(library, &connection, info) != 0) {
+        Vyrix_CloseLibrary(library);
+        return state.SkipWithError("cannot connect through ser2net");
+    }
+    Bytes chunk(kChunk, 0x5A);
+    double ratio = 0;
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        for (uint32_t sent = 0, n = 0; sent < kImage; sent += kChunk, ++n)
+            if (Vyrix_UpgradeSoftware(connection, n, kChunk, kImage, chunk.data()) != 0)
+                state.SkipWithError("upgrade failed");
+        const double wall = std::chrono::duration<double>(Clock::now() - start).count();
+        // Each chunk: a packet of 6 + 4 + 3 * 4 + 4000 bytes out, an
+        // acknowledgement of 6 + 7 bytes back.
+        const double bytes = (kImage / kChunk) * ((6.0 + 4 + 12 + kChunk) + 13.0);
+        ratio = wall / (bytes * 10.0 / kBaud);
+    }
+    state.counters["wall_over_wire"] = ratio;
+    Means()[state.name()] = ratio;
+    Vyrix_CloseLibrary(library);
+}
+void BM_Upgrade200kAt57600BaudTcp(benchmark::State& state) { Upgrade(state, false); }
+void BM_Upgrade200kAt57600BaudRfc2217(benchmark::State& state) { Upgrade(state, true); }
+BENCHMARK(BM_Upgrade200kAt57600BaudTcp)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Upgrade200kAt57600BaudRfc2217)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void PrintRatios() {
+    std::map<std::string, double>& m = Means();
+    const double bare = m["BM_BareTcpRoundTrip"];
+    if (bare > 0)
+        for (const char* name : {"BM_LibraryRoundTripTcp", "BM_LibraryRoundTripRfc2217"})
+            if (m.count(name)) printf("%s / BM_BareTcpRoundTrip = %.2f (goal <= 1.5)\n", name, m[name] / bare);
+    for (const char* name : {"BM_Upgrade200kAt57600BaudTcp", "BM_Upgrade200kAt57600BaudRfc2217"})
+        if (m.count(name)) printf("%s wall / wire = %.3f (goal <= 1.05)\n", name, m[name]);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    PrintRatios();
+    return 0;
+}
