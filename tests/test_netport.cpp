@@ -356,8 +356,7 @@ TEST_P(Remote, ServerKilledUnderACommandEndsItAsAHangUp) {
     sim->SetFaults(vt::Quiet());
     auto command = std::async(std::launch::async, [&] {
         uint8_t b = 0;
-        Vyrix_ReturnStatus r = Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT);
-        return r;
+        return static_cast<uint32_t>(Vyrix_GetBrightness(connection, &b, eVYRIX_STORAGE_CURRENT));
     });
     ASSERT_TRUE(sim->WaitForPackets(1, std::chrono::seconds(5)));
     vt::Stopwatch sinceKill;
@@ -398,18 +397,18 @@ TEST_P(Remote, TwoLinesThroughTwoServerPortsAtOnce) {
     void* handles[2] = {};
     for (size_t i = 0; i < 2; ++i)
         ASSERT_EQ(Vyrix_OpenConnection(library, &handles[i], vt::UartRecord(two.Url(i, GetParam()).c_str())), 0u);
-    std::vector<std::future<Vyrix_ReturnStatus>> runs;
+    std::vector<std::future<uint32_t>> runs;
     for (size_t i = 0; i < 2; ++i)
-        runs.push_back(std::async(std::launch::async, [&, i] {
+        runs.push_back(std::async(std::launch::async, [&, i]() -> uint32_t {
             for (uint8_t level = 0; level < 50; ++level) {
                 uint8_t back = 0;
                 const uint8_t value = static_cast<uint8_t>(level + 50 * i);
-                Vyrix_ReturnStatus r = Vyrix_SetBrightness(handles[i], value, eVYRIX_STORAGE_CURRENT);
+                uint32_t r = Vyrix_SetBrightness(handles[i], value, eVYRIX_STORAGE_CURRENT);
                 if (r == 0) r = Vyrix_GetBrightness(handles[i], &back, eVYRIX_STORAGE_CURRENT);
                 if (r == 0 && back != value) r = 0xBAD;
                 if (r != 0) return r;
             }
-            return Vyrix_ReturnStatus{0};
+            return 0;
         }));
     for (auto& run : runs) EXPECT_EQ(run.get(), 0u);
     EXPECT_EQ(sim->ReceivedCount(), 100u);
@@ -464,7 +463,7 @@ TEST_F(Unreachable, AddressesThatLeadNowhere) {
     const std::string refused = "tcp://127.0.0.1:" + std::to_string(closedPort.Port());
     const struct {
         std::string url;
-        Vyrix_ReturnStatus result;
+        uint32_t result;
         const char* reason;
     } cases[] = {
         {"rfc2217://engine:0", 0x05000000u, "Invalid argument"},

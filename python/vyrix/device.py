@@ -278,7 +278,11 @@ def _text(value, what):
 
 
 def open_uart(path, flow_control=0, stop_bits=1):
-    """Connect to a device on a serial line (57600 baud, 8N1)."""
+    """Connect to a device on a serial line (57600 baud, 8N1).
+
+    `path` is a device path, or the address of a line another host exports:
+    "rfc2217://HOST:PORT" (Telnet with serial-port control) or "tcp://HOST:PORT".
+    """
     name = _text(path, "path")
     uart = rec.UartInfo(name, BAUD_RATE, flow_control, stop_bits)
     info = rec.UartConnectionInfo(connectionType=0, uartInfo=uart)
