@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -75,9 +76,6 @@ private:
     int port_ = 0;
 };
 
-// A free loopback port: bound, then let go for the server to take.
-inline int FreePort() { return BoundSocket(false).Port(); }
-
 // Whether a socket listens on the loopback port (IPv4).
 inline bool Listening(int port) {
     std::istringstream table(ReadFile("/proc/net/tcp"));
@@ -107,14 +105,18 @@ public:
         dir_ = pattern;
         std::ofstream config(dir_ + "/ser2net.yaml");
         int n = 0;
+        // Each port stays bound until all are chosen, so no two are the same.
+        std::vector<std::unique_ptr<BoundSocket>> held;
         for (const Line& line : lines) {
-            const int port = FreePort();
+            held.push_back(std::make_unique<BoundSocket>(false));
+            const int port = held.back()->Port();
             ports_.push_back(port);
             config << "connection: &line" << n++ << "\n"
                    << "  accepter: " << (line.rfc2217 ? "telnet(rfc2217),tcp" : "tcp") << ",127.0.0.1," << port << "\n"
                    << "  connector: serialdev," << line.device << ",57600n81,local\n";
         }
         config.close();
+        held.clear();
         pid_ = fork();
         if (pid_ == 0) {
             const int out = open((dir_ + "/output").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

@@ -67,7 +67,9 @@ TEST(NetAddress, FormsAndEndpoints) {
         CNetAddress address;
         EXPECT_EQ(CNetAddress::Parse(c.text, &address), c.result) << c.text;
         EXPECT_EQ(CNetAddress::IsUrl(c.text), c.result != CNetAddress::ePARSE_NOT_A_URL) << c.text;
-        if (c.result == CNetAddress::ePARSE_VALID) EXPECT_EQ(address.Endpoint(), c.endpoint) << c.text;
+        if (c.result == CNetAddress::ePARSE_VALID) {
+            EXPECT_EQ(address.Endpoint(), c.endpoint) << c.text;
+        }
     }
     const std::string longName = "tcp://" + std::string(254, 'a') + ":1";
     CNetAddress address;
@@ -256,6 +258,7 @@ TEST_P(Remote, EveryDeviceOperationOverAnOrdinarySocket) {
     EXPECT_EQ(IntOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
     EXPECT_EQ(IntOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_FALSE(HasLockFile(vt::RuntimeDir())) << "a network line takes no lock file";
+    EXPECT_FALSE(vt::Contains(vt::Log(), "serial-port control")) << "ser2net answers every control request";
 
     uint8_t b = 0;
     uint16_t w = 0, ht = 0;
@@ -275,7 +278,7 @@ TEST_P(Remote, EveryDeviceOperationOverAnOrdinarySocket) {
         std::function<Vyrix_ReturnStatus(void*)> call;
     } operations[] = {
         OP(10, Vyrix_SetInputVideoState(h, 1, 7)),
-        OP(11, Vyrix_GetInputVideoState(h, &u, 6)),
+        OP(11, Vyrix_GetInputVideoState(h, &u, kCur)),
         OP(60, Vyrix_GetInputVideoProperties(h, &w, &ht, &f)),
         OP(41, Vyrix_SetBrightness(h, 100, kSaved)),
         OP(42, Vyrix_GetBrightness(h, &b, kSaved)),
@@ -306,7 +309,7 @@ TEST_P(Remote, EveryDeviceOperationOverAnOrdinarySocket) {
         OP(40, Vyrix_GetSystemStatus(h, &st)),
         OP(39, Vyrix_GetSystemInfo(h, &info)),
         OP(33, Vyrix_CommitAll(h)),
-        OP(48, Vyrix_GetEventLog(h, 4, events)),
+        OP(85, Vyrix_GetEventLog(h, 4, events)),
         OP(31, Vyrix_RestoreFactorySettings(h)),
     };
     for (const auto& op : operations) {
@@ -395,8 +398,9 @@ TEST_P(Remote, TwoLinesThroughTwoServerPortsAtOnce) {
     vt::Ser2Net two({{sim->SlavePath(), Rfc2217()}, {other->SlavePath(), Rfc2217()}});
     ASSERT_TRUE(two.Ready()) << two.Output();
     void* handles[2] = {};
+    const std::string urls[2] = {two.Url(0, GetParam()), two.Url(1, GetParam())};  // kept while open
     for (size_t i = 0; i < 2; ++i)
-        ASSERT_EQ(Vyrix_OpenConnection(library, &handles[i], vt::UartRecord(two.Url(i, GetParam()).c_str())), 0u);
+        ASSERT_EQ(Vyrix_OpenConnection(library, &handles[i], vt::UartRecord(urls[i].c_str())), 0u);
     std::vector<std::future<uint32_t>> runs;
     for (size_t i = 0; i < 2; ++i)
         runs.push_back(std::async(std::launch::async, [&, i]() -> uint32_t {
@@ -443,7 +447,9 @@ TEST_F(Unreachable, ServerThatRefusesOrIgnoresLineControl) {
                                           {IAC, SB, kComPort, 4, 1, IAC, SE},
                                           {IAC, SB, kComPort, 5, 1, IAC, SE}});
         EXPECT_EQ(server.Receive(opening.size()), opening);
-        if (!c.answer.empty()) ASSERT_TRUE(server.Send(c.answer));
+        if (!c.answer.empty()) {
+            ASSERT_TRUE(server.Send(c.answer));
+        }
         ASSERT_EQ(opened.get(), 0u) << c.logged;
         EXPECT_TRUE(vt::Contains(vt::Log(), std::string("<INFO> OpenPort ") + url + " " + c.logged));
         const Bytes payload = {0xFF, 0x2A, 0xFF};
