@@ -113,7 +113,11 @@ public:
             ports_.push_back(port);
             config << "connection: &line" << n++ << "\n"
                    << "  accepter: " << (line.rfc2217 ? "telnet(rfc2217),tcp" : "tcp") << ",127.0.0.1," << port << "\n"
-                   << "  connector: serialdev," << line.device << ",57600n81,local\n";
+                   << "  connector: serialdev," << line.device
+                   << ",57600n81,local\n"
+                   // Bytes from the device go on at once, not gathered for
+                   // up to 20 ms into bigger segments.
+                   << "  options:\n    chardelay: false\n";
         }
         config.close();
         held.clear();
