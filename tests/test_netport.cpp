@@ -258,7 +258,7 @@ TEST_P(Remote, EveryDeviceOperationOverAnOrdinarySocket) {
     EXPECT_EQ(IntOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
     EXPECT_EQ(IntOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_FALSE(HasLockFile(vt::RuntimeDir())) << "a network line takes no lock file";
-    EXPECT_FALSE(vt::Contains(vt::Log(), "serial-port control")) << "ser2net answers every control request";
+    EXPECT_FALSE(vt::Contains(vt::Log(), "<INFO> OpenPort " + url + " ")) << "ser2net answers every control request";
 
     uint8_t b = 0;
     uint16_t w = 0, ht = 0;
