@@ -80,7 +80,7 @@ done
 echo "manual pages: $(ls "$root"/usr/share/man/man3 | wc -l) in section 3, every exported name found"
 
 # The packaged pkg-config file names the normal include path.
-cflags="$(PKG_CONFIG_PATH="$root/usr/$libdir/pkgconfig" pkg-config --cflags vyrix)"
+cflags="$(PKG_CONFIG_PATH="$root/usr/$libdir/pkgconfig" pkg-config --cflags vyrix | xargs)"
 [ "$cflags" = "-I/usr/include/vyrix" ] || { echo "pkg-config --cflags vyrix gives '$cflags'" >&2; exit 1; }
 
 # The library package carries a symbols file naming every export.
