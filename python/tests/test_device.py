@@ -104,6 +104,8 @@ def test_test_pattern_shows_in_status_and_event_log(dev):
         lambda d: d.draw_test_pattern(5),
         lambda d: d.get_event_log(256),
         lambda d: d.upgrade_software(b""),
+        lambda d: setattr(d, "timeout", 0),
+        lambda d: vyrix.open_uart("/nonexistent/tty", timeout=float("nan")),
     ],
 )
 def test_invalid_arguments(dev, call):
@@ -127,7 +129,8 @@ WRONG_TYPES = [
     lambda d: setattr(d, "timeout", "10"),
     lambda d: next(d.messages(timeout="1")),
     lambda d: vyrix.open_uart(None),
-    lambda d: vyrix.open_uart("/dev/ttyS0", flow_control="none"),
+    lambda d: vyrix.open_uart("/nonexistent/tty", flow_control="none"),
+    lambda d: vyrix.open_uart("/nonexistent/tty", timeout="10"),
     lambda d: vyrix.open_usb(4),
 ]
 

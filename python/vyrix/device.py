@@ -91,14 +91,15 @@ def _typed(function: _F) -> _F:
     return cast(_F, checked)
 
 
-def _milliseconds(seconds: Optional[float], what: str = "timeout") -> int:
+def _milliseconds(seconds: Optional[float], where: str) -> int:
     """The library's reply time-out for seconds (0: its default, for None)."""
     if seconds is None:
         return 0
-    _need_real(what, "seconds", seconds)
+    _need_real(where, "timeout", seconds)
     if math.isnan(seconds) or not 0 < seconds <= MAX_TIMEOUT:
         raise InvalidArgument(
-            ResultCode.INVALID_ARGUMENT.result, "%s: %r seconds is not in 0 < seconds <= %d" % (what, seconds, MAX_TIMEOUT)
+            ResultCode.INVALID_ARGUMENT.result,
+            "%s: a timeout of %r s is not in 0 < seconds <= %d" % (where, seconds, MAX_TIMEOUT),
         )
     return max(1, round(seconds * 1000))
 
@@ -141,7 +142,7 @@ class Device:
         self._address = address
         self._handle: Optional[int] = None
         self._timeout: Optional[float] = None
-        milliseconds = _milliseconds(timeout, "open")
+        milliseconds = _milliseconds(timeout, "open_" + transport)
         self._lib = lib = library()
         self._turn = threading.Lock()  # held by the command running on this connection
         # Interrupted while it opens: the connection is closed when the open ends.
@@ -197,7 +198,7 @@ class Device:
 
     @timeout.setter
     def timeout(self, seconds: Optional[float]) -> None:
-        milliseconds = _milliseconds(seconds)
+        milliseconds = _milliseconds(seconds, "Device.timeout")
         check(self._lib.call("Vyrix_SetReplyTimeout", self._open_handle("timeout"), milliseconds), "timeout")
         self._timeout = None if seconds is None else float(seconds)
 
