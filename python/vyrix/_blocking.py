@@ -25,6 +25,7 @@ from __future__ import annotations
 import os
 import queue
 import threading
+import time
 from typing import Any, Callable, Generic, Optional, TypeVar
 
 SLICE = 0.1  # seconds between looks at pending signals
@@ -148,6 +149,14 @@ def _forget_workers() -> None:
 
 if hasattr(os, "register_at_fork"):
     os.register_at_fork(after_in_child=_forget_workers)
+
+
+def wait_time(give_up: Optional[float]) -> Optional[float]:
+    """How long one wait may block to end at give_up (time.monotonic(); None: never) and still let Ctrl-C in."""
+    left = None if give_up is None else max(0.0, give_up - time.monotonic())
+    if threading.current_thread() is not threading.main_thread():
+        return left
+    return SLICE if left is None else min(SLICE, left)
 
 
 def call(

@@ -492,12 +492,11 @@ class Device:
         while True:
             give_up = None if timeout is None else time.monotonic() + timeout
             while True:
-                left = None if give_up is None else give_up - time.monotonic()
                 try:
-                    item = source.get(timeout=_blocking.SLICE if left is None else max(0.0, min(_blocking.SLICE, left)))
+                    item = source.get(timeout=_blocking.wait_time(give_up))
                     break
                 except queue.Empty:
-                    if left is not None and left <= _blocking.SLICE:
+                    if give_up is not None and time.monotonic() >= give_up:
                         return
             yield Message.from_tuple(item)
 
