@@ -49,8 +49,7 @@ class _Job(Generic[T]):
         self._cleanup = cleanup
         self._done = threading.Lock()
         self._done.acquire()
-        self._lock = threading.Lock()  # guards the three flags
-        self._started = False
+        self._lock = threading.Lock()  # guards the two flags
         self._finished = False
         self._abandoned = False
         self._result: Optional[T] = None
@@ -68,7 +67,6 @@ class _Job(Generic[T]):
             with self._lock:
                 if self._abandoned:
                     return
-                self._started = True
             try:
                 self._result = self._function(*self._args)
             except BaseException as error:  # handed to the caller
@@ -84,10 +82,13 @@ class _Job(Generic[T]):
         if orphan:
             self._clean_up()
 
-    def wait(self) -> T:
-        """The call's result (or its exception), waiting in slices."""
+    def join(self) -> None:
+        """Wait for the call to end, in slices."""
         while not self._done.acquire(timeout=SLICE):
             pass
+
+    def result(self) -> T:
+        """The ended call's result, or its exception."""
         if self._error is not None:
             raise self._error
         return self._result  # type: ignore[return-value]  # set when no error
@@ -179,7 +180,8 @@ def call(
     job = _Job(function, args, turn, cleanup)
     try:
         _workers.submit(job)
-        return job.wait()
-    except BaseException:
+        job.join()
+    except BaseException:  # a signal's exception: the call goes on without its caller
         job.abandon()
         raise
+    return job.result()

@@ -6,6 +6,7 @@ import ctypes
 import functools
 import inspect
 import math
+import numbers
 import operator
 import os
 import queue
@@ -61,7 +62,7 @@ def _need_int(where: str, name: str, value: object) -> None:
 
 
 def _need_real(where: str, name: str, value: object) -> None:
-    if isinstance(value, bool) or not isinstance(value, (int, float)):
+    if isinstance(value, bool) or not isinstance(value, numbers.Real):
         raise _refuse(where, name, value, "a real number")
 
 
