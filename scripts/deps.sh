@@ -11,7 +11,7 @@ packages=(
   umockdev libumockdev-dev
   clang libclang-rt-14-dev clang-format valgrind
   dpkg-dev file lintian
-  python3 python3-pytest
+  python3 python3-pytest mypy
 )
 
 missing=()

@@ -40,7 +40,7 @@ declare -A holds=(
   [libvyrix-api1]="/usr/$libdir/libVyrix_Api\.so\.1 -> |/usr/$libdir/libVyrix_Api\.so\.1\.|/usr/lib/udev/rules\.d/60-vyrix\.rules"
   [libvyrix-api-dev]="/usr/$libdir/libVyrix_Api\.so -> |include/vyrix/Vyrix_Api\.h|include/vyrix/vyrix_version\.h|pkgconfig/vyrix\.pc|cmake/Vyrix/VyrixConfig\.cmake|examples/main\.cpp|man3/libvyrix\.3\.gz"
   [vyrix-tools]="/usr/bin/vyrixctl|/usr/bin/vyrix-sim|/usr/bin/vyrix-demo|man1/vyrixctl\.1\.gz"
-  [python3-vyrix]="dist-packages/vyrix/__init__\.py"
+  [python3-vyrix]="dist-packages/vyrix/__init__\.py|dist-packages/vyrix/py\.typed|dist-packages/vyrix-[0-9.]+\.dist-info/METADATA"
 )
 for pkg in "${!holds[@]}"; do
   deb="$(ls build/package/"${pkg}"_*.deb)"
@@ -58,6 +58,9 @@ root="$work/root"
 for deb in build/package/libvyrix-api1_*.deb build/package/python3-vyrix_*.deb; do dpkg-deb -x "$deb" "$root"; done
 PYTHONPATH="$root/usr/lib/python3/dist-packages" VYRIX_LIBRARY="$root/usr/$libdir/libVyrix_Api.so.1" \
   python3 -c "import vyrix; print('python from the packages:', vyrix.library_info())"
+# The package's metadata says the version the package has.
+PYTHONPATH="$root/usr/lib/python3/dist-packages" python3 -c \
+  "import importlib.metadata as m, vyrix; assert m.version('vyrix') == vyrix.__version__, m.version('vyrix')"
 
 # The manuals: every program's page has its sections; section 3 has a page
 # for every plain name the library exports (its version script), found by
