@@ -14,6 +14,7 @@
 #include "ApiLink.h"
 #include "LLC_CommHandler.h"
 #include "LLC_UsbPort.h"
+#include "StateRecorder.h"
 #include "usb/UsbEmulator.h"
 
 namespace {
@@ -339,6 +340,38 @@ TEST_F(UsbFaults, UnpluggedInTheMiddleOfAFirmwareUpgrade) {
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
     EXPECT_LT(closing.Ms(), 3000);
     EXPECT_FALSE(vt::FileExists(UsbLock(2)));
+}
+
+// Reconnection by serial number: the device unplugged and plugged in again
+// (at another address) is taken; a device with another serial number that
+// arrives meanwhile is not.
+TEST_F(Usb, ReconnectsToTheSameSerialNumberOnly) {
+    vt::UsbEmulator::Device& first = g_usb->Add(Vyrix(2, "AB12"));
+    Sim original(first.TakeStream());
+    void *library = nullptr, *conn = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, vt::UsbRecord("AB12")), 0u);
+    vt::Recorder recorder;
+    ASSERT_EQ(Vyrix_SetLinkStateCallback(conn, vt::Recorder::Callback, &recorder), 0u);
+    ASSERT_EQ(Vyrix_SetReconnect(conn, 1, 100), 0u);
+    first.Unplug();
+    ASSERT_TRUE(recorder.WaitFor(2));
+    uint8_t value = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0x16000000u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(2)));
+
+    Sim other(g_usb->Plug(Vyrix(3, "ZZ99")).TakeStream());
+    // An attempt has looked at it (and must have left it).
+    ASSERT_TRUE(vt::Eventually([] { return Log().find("Found Device on bus 001 and addr 003") != std::string::npos; }));
+    Sim back(g_usb->Plug(Vyrix(4, "AB12")).TakeStream());
+    ASSERT_TRUE(recorder.WaitFor(3));
+    EXPECT_EQ(recorder.Events(), (std::vector<vt::Event>{vt::kDown, vt::kReconnecting, vt::kUp}));
+    ASSERT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(std::make_tuple(back.ReceivedCount(), other.ReceivedCount()), std::make_tuple(size_t{1}, size_t{0}));
+    EXPECT_TRUE(vt::FileExists(UsbLock(4)));
+    EXPECT_FALSE(vt::FileExists(UsbLock(3)));
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(4)));
 }
 
 }  // namespace
