@@ -28,7 +28,9 @@ CCommHandler::CCommHandler()
       m_parserDiscards(0),
       m_reconnect(false),
       m_maxIntervalMs(KT_RECONNECT_DEFAULT_MAX_MS),
-      m_opening(nullptr) {}
+      m_opening(nullptr),
+      m_receiving(false),
+      m_resumeDown(false) {}
 
 CCommHandler::~CCommHandler() {
     m_bConnected = false;
@@ -55,6 +57,7 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, PortFactory makePort, st
     {
         std::lock_guard<std::mutex> lock(m_lifeMutex);
         m_makePort = std::move(makePort);
+        m_receiving = true;
     }
     m_watch = std::move(watch);
     CCallbackDispatcher::Attach();
@@ -119,10 +122,35 @@ int CCommHandler::ReadThreadRoutine(void* arg) {
 
 void CCommHandler::ReceiveLoop() {
     while (!m_closing) {
-        const Vyrix_ReturnStatus reason = ReadUntilDown();
-        if (m_closing) return;
-        LinkDown(reason);
+        if (!m_resumeDown) {
+            const Vyrix_ReturnStatus reason = ReadUntilDown();
+            if (m_closing) return;
+            LinkDown(reason);
+            if (!StayForReconnect()) return;
+        }
+        m_resumeDown = false;
         if (!Reconnect()) return;
+    }
+}
+
+bool CCommHandler::StayForReconnect() {
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    m_receiving = !m_closing && m_reconnect;
+    return m_receiving;
+}
+
+void CCommHandler::ResumeReceiving() {
+    std::lock_guard<std::mutex> threads(m_threadMutex);
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        if (m_receiving || m_closing || !m_started || !m_reconnect) return;
+        m_receiving = true;
+        m_resumeDown = true;
+    }
+    m_thread.CloseThread();  // the one that ended at the link's going down
+    if (m_thread.createThread(ReadThreadRoutine, this, "vyrix-receive") != RC_OK) {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_receiving = false;
     }
 }
 
@@ -244,32 +272,32 @@ void CCommHandler::SetReconnect(bool enable, unsigned maxIntervalMs) {
         m_maxIntervalMs = maxIntervalMs;
         m_reconnect = enable;
     }
-    m_lifeChanged.notify_all();
     if (m_watch) m_watch->Wake();
+    if (enable) ResumeReceiving();
 }
 
 bool CCommHandler::Reconnect() {
     ReleasePort();
+    ReportState(eVYRIX_LINK_RECONNECTING, RC_OK);
+    unsigned pauseMs = KT_RECONNECT_FIRST_MS;
     for (;;) {
-        if (!AwaitReconnectOn()) return false;
-        ReportState(eVYRIX_LINK_RECONNECTING, RC_OK);
-        unsigned pauseMs = KT_RECONNECT_FIRST_MS;
-        while (m_reconnect && !m_closing) {
-            if (TryReopen()) return true;
-            if (m_closing) return false;
-            m_watch->Wait(CDeadline::After(pauseMs));
-            pauseMs = std::min(pauseMs * 2, std::max(m_maxIntervalMs.load(), KT_RECONNECT_FIRST_MS));
-        }
         if (m_closing) return false;
-        ReportState(eVYRIX_LINK_DOWN, RC(eVYRIX_NOT_CONNECTED));  // switched off while looking
+        if (!m_reconnect) {
+            // Switched off while looking: down again, and this thread ends
+            // (under the lock, so a switch back on starts the next one
+            // after this change is reported).
+            std::lock_guard<std::mutex> lock(m_lifeMutex);
+            if (!m_reconnect) {
+                m_receiving = false;
+                if (!m_closing) ReportState(eVYRIX_LINK_DOWN, RC(eVYRIX_NOT_CONNECTED));
+                return false;
+            }
+        }
+        if (TryReopen()) return true;
+        if (m_closing) return false;
+        m_watch->Wait(CDeadline::After(pauseMs));
+        pauseMs = std::min(pauseMs * 2, std::max(m_maxIntervalMs.load(), KT_RECONNECT_FIRST_MS));
     }
-}
-
-// The link stays down until reconnection is switched on or the link closes.
-bool CCommHandler::AwaitReconnectOn() {
-    std::unique_lock<std::mutex> lock(m_lifeMutex);
-    m_lifeChanged.wait(lock, [this] { return m_closing || m_reconnect; });
-    return !m_closing;
 }
 
 // The old port goes first: it holds the device's lock file and the device.
@@ -451,7 +479,6 @@ Vyrix_ReturnStatus CCommHandler::ClosePort() {
         m_closing = true;
         if (m_opening != nullptr) m_opening->CancelRead();
     }
-    m_lifeChanged.notify_all();
     if (m_watch) m_watch->Wake();
     {
         std::lock_guard<std::mutex> lock(m_portMutex);
@@ -460,7 +487,10 @@ Vyrix_ReturnStatus CCommHandler::ClosePort() {
         m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
         if (m_port != nullptr) m_port->CancelRead();
     }
-    if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
+    {
+        std::lock_guard<std::mutex> threads(m_threadMutex);
+        if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
+    }
     Vyrix_ReturnStatus r = RC_OK;
     {
         std::lock_guard<std::mutex> lock(m_writeLock);

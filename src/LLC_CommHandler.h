@@ -6,7 +6,8 @@
 // last command sent, the link's counters, and its lifecycle: the state the
 // application sees (up, down, reconnecting), the event descriptor for event
 // loops, and, when asked for, the reopening of the same device after it
-// went away (on the receive thread, which stays with the link).
+// went away (on the receive thread, which stays after the device went away
+// only while reconnection is on).
 //
 // Ownership: the link registry holds one reference per open link; a
 // connection holds one, and so does every call working with the link, so a
@@ -149,9 +150,15 @@ private:
     void QueueUnprompted(const KtXlnkMsgS& sMsg);
     void CountParserDiscards();
     // After the link went down: releases the port, then reopens the same
-    // device while reconnection is on.  False once the link closes.
+    // device while reconnection is on.  False when the receive thread ends:
+    // the link closes, or reconnection is off (the link stays down).
     bool Reconnect();
-    bool AwaitReconnectOn();
+    // Whether the receive thread stays after the link went down (only to
+    // reconnect); otherwise it ends, as a link without reconnection does.
+    bool StayForReconnect();
+    // Reconnection switched on for a link that is down without a receive
+    // thread: one starts, to reconnect.
+    void ResumeReceiving();
     bool TryReopen();
     void ReleasePort();
     Vyrix_ReturnStatus StartLink(CPort* port, PortFactory makePort, std::unique_ptr<CArrivalWatch> watch,
@@ -190,12 +197,14 @@ private:
     CEventNotifier m_events;
     std::atomic<bool> m_reconnect;
     std::atomic<unsigned> m_maxIntervalMs;
-    // Guards m_makePort and m_opening; m_lifeChanged tells the receive
-    // thread that reconnection was switched on or the link is closing.
+    // Guards m_makePort, m_opening, m_receiving and the reconnection switch.
     std::mutex m_lifeMutex;
-    std::condition_variable m_lifeChanged;
     PortFactory m_makePort;
-    CPort* m_opening;  // a port being reopened, for a close to cancel
+    CPort* m_opening;   // a port being reopened, for a close to cancel
+    bool m_receiving;   // a receive thread runs (guarded by m_lifeMutex)
+    bool m_resumeDown;  // the next receive thread starts by reconnecting
+    // Serialises starting a receive thread again with joining it.
+    std::mutex m_threadMutex;
     std::unique_ptr<CArrivalWatch> m_watch;
 
     struct AtomicCounters {

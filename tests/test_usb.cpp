@@ -1,5 +1,6 @@
 // The USB port on the real libusb-1.0 against devices emulated by umockdev.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 
@@ -373,6 +374,39 @@ TEST_F(Usb, ReconnectsToTheSameSerialNumberOnly) {
     EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
     EXPECT_FALSE(vt::FileExists(UsbLock(4)));
 }
+
+#ifdef VYRIXCTL
+// vyrixctl in this testbed: the device present, then one arriving and
+// going, each a JSON line as libusb's hot-plug callbacks report it.
+TEST_F(Usb, ListWatchPrintsArrivalsAndRemovals) {
+    g_usb->Add(Vyrix(2, "AB12"));
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fds[1], 1);
+        execl(VYRIXCTL, VYRIXCTL, "list", "usb", "--watch", "--json", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    FILE* out = fdopen(fds[0], "r");
+    auto next = [out] {
+        char line[512] = {0};
+        return fgets(line, sizeof line, out) != nullptr ? std::string(line) : std::string();
+    };
+    EXPECT_TRUE(Contains(next(), R"({"event":"present","product":4,"serial":"AB12","bus":1,"address":2})"));
+    vt::UsbEmulator::Device& arriving = g_usb->Plug(Vyrix(3, "CD34"));
+    EXPECT_TRUE(Contains(next(), R"({"event":"arrived","product":4,"serial":"CD34","bus":1,"address":3})"));
+    arriving.Unplug();
+    EXPECT_TRUE(Contains(next(), R"({"event":"removed","product":4,"serial":"CD34","bus":1,"address":3})"));
+    kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 143) << status;
+    EXPECT_EQ(next(), "");  // nothing more
+    fclose(out);
+}
+#endif
 
 }  // namespace
 
