@@ -1,6 +1,8 @@
 #include "UsbWatch.h"
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -9,6 +11,23 @@ namespace vyrix::tools {
 namespace {
 constexpr uint16_t kProductId = 4;
 constexpr int kSerialSize = 256;
+constexpr int kSerialAttempts = 5;
+constexpr auto kSerialRetryPause = std::chrono::milliseconds(20);
+
+// The device's serial number, or "" when it cannot be read.
+std::string ReadSerial(libusb_device* device) {
+    std::string serial;
+    libusb_device_descriptor desc{};
+    libusb_device_handle* handle = nullptr;
+    if (libusb_get_device_descriptor(device, &desc) != 0 || desc.iSerialNumber == 0 ||
+        libusb_open(device, &handle) != 0)
+        return serial;
+    unsigned char text[kSerialSize] = {0};
+    if (libusb_get_string_descriptor_ascii(handle, desc.iSerialNumber, text, sizeof text - 1) > 0)
+        serial = reinterpret_cast<const char*>(text);
+    libusb_close(handle);
+    return serial;
+}
 }  // namespace
 
 int LIBUSB_CALL UsbWatch::OnChange(libusb_context*, libusb_device* device, libusb_hotplug_event event, void* self) {
@@ -41,16 +60,13 @@ void UsbWatch::Report(const Change& change) {
         if (it != serials_.end()) serials_.erase(it);
         return;
     }
-    std::string serial = "?";
-    libusb_device_descriptor desc{};
-    libusb_device_handle* handle = nullptr;
-    if (libusb_get_device_descriptor(change.device, &desc) == 0 && libusb_open(change.device, &handle) == 0) {
-        unsigned char text[kSerialSize] = {0};
-        if (desc.iSerialNumber != 0 &&
-            libusb_get_string_descriptor_ascii(handle, desc.iSerialNumber, text, sizeof text - 1) > 0)
-            serial = reinterpret_cast<const char*>(text);
-        libusb_close(handle);
+    std::string serial = ReadSerial(change.device);
+    // A device that has just arrived may not answer at once.
+    for (int attempt = 1; serial.empty() && attempt < kSerialAttempts; ++attempt) {
+        std::this_thread::sleep_for(kSerialRetryPause);
+        serial = ReadSerial(change.device);
     }
+    if (serial.empty()) serial = "?";
     serials_[where] = serial;
     Print(enumerating_ ? "present" : "arrived", serial, where.first, where.second);
 }
