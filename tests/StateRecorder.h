@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <tuple>
@@ -33,7 +32,6 @@ public:
         self->events_.emplace_back(state, reason);
         self->handles_.push_back(handle);
         self->threads_.push_back(thread.c_str());
-        if (self->onEvent_) self->onEvent_(handle, state);
         self->changed_.notify_all();
     }
     bool WaitFor(size_t count) {
@@ -52,7 +50,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return threads_;
     }
-    std::function<void(void*, Vyrix_LinkStateE)> onEvent_;
 
 private:
     std::mutex mutex_;
