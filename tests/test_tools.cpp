@@ -337,8 +337,13 @@ TEST_F(Tools, MonitorShowsUnpromptedMessages) {
 // --reconnect monitor ends with 1 at "down"; with it, it goes on through
 // "reconnecting" to "up" (and ends on SIGTERM).
 TEST_F(Tools, MonitorFollowsTheLinkGoingDownAndComingBack) {
-    for (const bool reconnect : {false, true}) {
+    // A simulator's output of a run before must not pass for the new one's.
+    const auto startSim = [this] {
+        unlink(Path("sim.out").c_str());
         StartSim();
+    };
+    for (const bool reconnect : {false, true}) {
+        startSim();
         std::string lock = "vyrix_llc_com_" + link + ".lock";
         std::replace(lock.begin(), lock.end(), '/', '_');
         const std::string out = Path("monitor.out");
@@ -352,7 +357,7 @@ TEST_F(Tools, MonitorFollowsTheLinkGoingDownAndComingBack) {
         std::vector<std::string> want = {R"({"state":"down","reason":"eVYRIX_NOT_CONNECTED"})"};
         if (reconnect) {
             ASSERT_TRUE(vt::Eventually([&] { return vt::ReadFile(out).find("reconnecting") != std::string::npos; }));
-            StartSim();
+            startSim();
             ASSERT_TRUE(vt::Eventually([&] { return vt::ReadFile(out).find("\"up\"") != std::string::npos; }));
             kill(monitor, SIGTERM);
             want.insert(want.end(), {R"({"state":"reconnecting"})", R"({"state":"up"})"});
