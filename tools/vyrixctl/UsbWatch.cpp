@@ -11,8 +11,8 @@ namespace vyrix::tools {
 namespace {
 constexpr uint16_t kProductId = 4;
 constexpr int kSerialSize = 256;
-constexpr int kSerialAttempts = 5;
-constexpr auto kSerialRetryPause = std::chrono::milliseconds(20);
+constexpr int kSerialAttempts = 10;
+constexpr auto kSerialRetryPause = std::chrono::milliseconds(50);
 
 // The device's serial number, or "" when it cannot be read.
 std::string ReadSerial(libusb_device* device) {
