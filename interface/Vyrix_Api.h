@@ -639,7 +639,8 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_GetEventFd(void* hConnection, int* pFd);
  * same Bluetooth address.  Attempts follow a back-off that starts at 50 ms
  * and doubles up to maxIntervalMs (0: 5000 ms; less than 50: 50 ms); a USB
  * device's arrival (where libusb reports hot-plug events) and a UART path
- * appearing end the pause at once.  When the device is back the link is up
+ * appearing end the pause at once and start the back-off again.  When the
+ * device is back the link is up
  * on the same handle and the first command goes through.  Meanwhile every
  * command returns 0x16000000 at once.  Switched on while the link is down,
  * reconnection starts at once; switched off while reconnecting, the link

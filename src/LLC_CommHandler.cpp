@@ -295,8 +295,12 @@ bool CCommHandler::Reconnect() {
         }
         if (TryReopen()) return true;
         if (m_closing) return false;
-        m_watch->Wait(CDeadline::After(pauseMs));
-        pauseMs = std::min(pauseMs * 2, std::max(m_maxIntervalMs.load(), KT_RECONNECT_FIRST_MS));
+        // A device that has just arrived may need a moment before it
+        // answers: after an arrival the back-off starts again.
+        if (m_watch->Wait(CDeadline::After(pauseMs)) == CArrivalWatch::kArrived)
+            pauseMs = KT_RECONNECT_FIRST_MS;
+        else
+            pauseMs = std::min(pauseMs * 2, std::max(m_maxIntervalMs.load(), KT_RECONNECT_FIRST_MS));
     }
 }
 
