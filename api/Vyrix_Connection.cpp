@@ -246,13 +246,24 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseConnection(void* connHandle) {
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     if (connHandle == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
-        LibraryLock lock;
-        Vyrix_LibraryContext* context = g_pLibCtx;
-        if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
-        const std::vector<Vyrix_Connection*>& table = context->connections;
-        for (size_t i = 0; i < table.size(); ++i)
-            if (table[i] == connHandle) return CloseConnection(static_cast<unsigned int>(i));
-        return Result(eVYRIX_INVALID_ARGUMENT);
+        KtHandlerRef link;
+        Vyrix_ReturnStatus r = Result(eVYRIX_INVALID_ARGUMENT);
+        {
+            LibraryLock lock;
+            Vyrix_LibraryContext* context = g_pLibCtx;
+            if (context == nullptr) return Result(eVYRIX_UNINITIALIZED);
+            const std::vector<Vyrix_Connection*>& table = context->connections;
+            for (size_t i = 0; i < table.size() && link == nullptr; ++i) {
+                if (table[i] != connHandle) continue;
+                link = table[i]->link;
+                r = CloseConnection(static_cast<unsigned int>(i));
+            }
+        }
+        // No callback of the closed connection runs once this returns (the
+        // wait is outside the lock, which a callback may want).
+        if (r == eVYRIX_RETURN_SUCCESS) LlcQuiesceCallbacks(link);
+        LlcReleaseLink(link);
+        return r;
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
     }

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "LLC_ForkGuard.h"
+#include "LLC_Links.h"
 
 std::atomic<Vyrix_LibraryContext*> g_pLibCtx{nullptr};
 void* g_pSyncObj = nullptr;
@@ -65,6 +66,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
     if (libHandle == nullptr) return Result(eVYRIX_INVALID_ARGUMENT);
     try {
         bool anyFailed = false;
+        std::vector<std::shared_ptr<CCommHandler>> closed;
         {
             LibraryLock lock;
             Vyrix_LibraryContext* context = g_pLibCtx;
@@ -74,6 +76,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
             const size_t count = context->connections.size();
             unsigned int index = 0;
             for (size_t i = 0; i < count; ++i) {
+                closed.push_back(context->connections[index]->link);
                 if (CloseConnection(index) != eVYRIX_RETURN_SUCCESS) {
                     anyFailed = true;
                     ++index;
@@ -83,6 +86,12 @@ extern "C" Vyrix_ReturnStatus Vyrix_CloseLibrary(void* libHandle) {
             g_pLibCtx = nullptr;
             g_pSyncObj = nullptr;
             delete context;
+        }
+        // No link-state callback of a closed connection runs once this
+        // returns (waited for outside the lock, which a callback may want).
+        for (std::shared_ptr<CCommHandler>& link : closed) {
+            LlcQuiesceCallbacks(link);
+            LlcReleaseLink(link);
         }
         return anyFailed ? Result(eVYRIX_FAILURE) : eVYRIX_RETURN_SUCCESS;
     } catch (...) {

@@ -566,6 +566,90 @@ VYRIX_LAYOUT(offsetof(Vyrix_LinkStatisticsS, linkDowns) == 56);
  * counters are read one by one, so they may be a command apart. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_LinkStatisticsS* pStats);
 
+/* ---- Connection lifecycle ----------------------------------------------
+ * A connection's link is up from a successful Vyrix_OpenConnection.  When
+ * the device goes away (hang-up, unplug, the Bluetooth stream ending, a
+ * write that finds it gone) the link goes down; with reconnection switched
+ * on (Vyrix_SetReconnect) it goes on to reconnecting and, once the same
+ * device is back, up again, on the same handle.  An application learns of
+ * each change through a callback, through the connection's event
+ * descriptor, or by asking.  None of this changes anything for an
+ * application that uses none of these functions. */
+
+typedef enum Vyrix_LinkStateE {
+    eVYRIX_LINK_UP = 0,          /* commands go to the device */
+    eVYRIX_LINK_DOWN = 1,        /* the device is gone; commands return 0x16000000 at once */
+    eVYRIX_LINK_RECONNECTING = 2 /* gone, and being looked for; commands return 0x16000000 at once */
+} Vyrix_LinkStateE;
+VYRIX_LAYOUT(sizeof(Vyrix_LinkStateE) == 4);
+
+/* Called once for every change of a connection's link state, in the order
+ * the changes happened, on the library's callback thread (the thread that
+ * also runs the connectionless callback; never a receive thread, never the
+ * application's).  hConnection is the connection's handle; reason is, for
+ * eVYRIX_LINK_DOWN, the result word that ended the link (0x16000000 for a
+ * device that went away), and 0 for the other states.  The callback may
+ * call any function of the library, wait for commands, or close this or
+ * any connection.  After Vyrix_CloseConnection returns, the connection's
+ * callback is not called again (and no call of it is still running, unless
+ * the close was made by the callback itself).  Changes not yet delivered
+ * when the connection closes are dropped. */
+typedef void (*Vyrix_LinkStateCallbackFn)(void* hConnection, Vyrix_LinkStateE state, uint32_t reason, void* pUser);
+
+/* The current state of a connection's link into *pState.  It also marks
+ * every state change so far as read, so the connection's event descriptor
+ * (Vyrix_GetEventFd) stops being readable for them.  Does not wait.
+ * Results: 0; 0x05000000 pState null, or a handle that is not an open
+ * connection; 0x04000000 library not open.
+ * Thread safety: any thread, the callbacks' included. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetLinkState(void* hConnection, Vyrix_LinkStateE* pState);
+
+/* Registers the connection's link-state callback with its user pointer,
+ * replacing any earlier one; pfn NULL removes it.  Changes from now on are
+ * delivered to the new callback (one already being delivered may still
+ * reach the old one).  Does not wait.
+ * Results: 0; 0x05000000 a handle that is not an open connection;
+ * 0x04000000 library not open.
+ * Thread safety: any thread, the callbacks' included. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetLinkStateCallback(void* hConnection, Vyrix_LinkStateCallbackFn pfn, void* pUser);
+
+/* A descriptor for poll(), select() or epoll that is readable exactly while
+ * this connection has an unprompted message waiting (take it with
+ * Vyrix_TakeUnpromptedMessage) or a state change that Vyrix_GetLinkState
+ * has not yet reported.  It never becomes readable for anything else, so an
+ * event loop can drive the connection without a thread of its own: on
+ * readable, call Vyrix_GetLinkState and take messages until 0x07000000.
+ * Only wait on it for readability; never read, write or close it.  The
+ * same descriptor is returned on every call; it is close-on-exec and is
+ * closed by Vyrix_CloseConnection (remove it from the event loop first).
+ * From the first call on, unprompted messages of this connection are queued
+ * for the application even when no connectionless callback is registered.
+ * Results: 0; 0x05000000 pFd null, or a handle that is not an open
+ * connection; 0x01000000 no descriptor could be made; 0x04000000 library
+ * not open.
+ * Thread safety: any thread. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_GetEventFd(void* hConnection, int* pFd);
+
+/* Switches reconnection on (enable non-zero) or off for a connection.  On,
+ * a link that goes down is reported down, then reconnecting, and the
+ * library reopens the same device: the same UART path (opened by name
+ * again, so a symbolic link that now points to another terminal is
+ * followed), the USB device with the serial number of the device the
+ * connection had (a device with another serial number is never taken), the
+ * same Bluetooth address.  Attempts follow a back-off that starts at 50 ms
+ * and doubles up to maxIntervalMs (0: 5000 ms; less than 50: 50 ms); a USB
+ * device's arrival (where libusb reports hot-plug events) and a UART path
+ * appearing end the pause at once and start the back-off again.  When the
+ * device is back the link is up
+ * on the same handle and the first command goes through.  Meanwhile every
+ * command returns 0x16000000 at once.  Switched on while the link is down,
+ * reconnection starts at once; switched off while reconnecting, the link
+ * goes back to down.  Vyrix_CloseConnection ends the attempts at once.
+ * Results: 0; 0x05000000 a handle that is not an open connection;
+ * 0x04000000 library not open.  Does not wait.
+ * Thread safety: any thread. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_SetReconnect(void* hConnection, int enable, uint32_t maxIntervalMs);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

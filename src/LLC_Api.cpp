@@ -161,6 +161,10 @@ void LlcReleaseLink(KtHandlerRef& link) {
     link.reset();
 }
 
+void LlcQuiesceCallbacks(const KtHandlerRef& link) {
+    if (link) CCallbackDispatcher::Quiesce(*link);
+}
+
 KtHandlerRef LlcDefaultLink() { return CHandlerTable::Instance().FirstOpen(); }
 
 Vyrix_ReturnStatus LlcSend(const KtHandlerRef& link, KtXlnkMsgS sMsg) {

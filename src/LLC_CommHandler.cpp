@@ -1,12 +1,15 @@
 #include "LLC_CommHandler.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "LLC_BTPort.h"
 #include "LLC_CallbackDispatcher.h"
 #include "LLC_ForkGuard.h"
 #include "LLC_NetPort.h"
+#include "LLC_PathWatch.h"
 #include "LLC_SPort.h"
+#include "LLC_UsbArrivalWatch.h"
 #include "LLC_UsbPort.h"
 
 std::atomic<KtEventCallbackFn> g_pfnParseEventCallbackFunction{nullptr};
@@ -18,15 +21,21 @@ CCommHandler::CCommHandler()
       m_closing(false),
       m_waitingReply(false),
       m_dispatching(false),
+      m_started(false),
       m_LastPayloadLen(0),
       m_lastSequence(0),
       m_wentDown(false),
       m_generation(CForkGuard::Generation()),
-      m_parserDiscards(0) {}
+      m_parserDiscards(0),
+      m_reconnect(false),
+      m_maxIntervalMs(KT_RECONNECT_DEFAULT_MAX_MS),
+      m_opening(nullptr),
+      m_receiving(false),
+      m_resumeDown(false) {}
 
 CCommHandler::~CCommHandler() {
     m_bConnected = false;
-    if (m_port != nullptr) ClosePort();
+    if (m_started) ClosePort();
 }
 
 bool CCommHandler::IsInherited() const { return m_generation != CForkGuard::Generation(); }
@@ -37,7 +46,8 @@ KtLinkCountersS CCommHandler::Counters() const {
                            c.resends,     c.packetsDiscarded, c.messagesDropped, c.linkDowns};
 }
 
-Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage, bool logThreadFailure) {
+Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, PortFactory makePort, std::unique_ptr<CArrivalWatch> watch,
+                                           const char* failMessage, bool logThreadFailure) {
     m_port.reset(port);
     Vyrix_ReturnStatus r = port->OpenPort();
     if (r != RC_OK) {
@@ -45,8 +55,15 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage,
         m_port.reset();
         return r;
     }
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_makePort = std::move(makePort);
+        m_receiving = true;
+    }
+    m_watch = std::move(watch);
     CCallbackDispatcher::Attach();
     m_dispatching = true;
+    m_started = true;
     m_bConnected = true;
     r = m_thread.createThread(ReadThreadRoutine, this, "vyrix-receive");
     if (r != RC_OK) {
@@ -58,7 +75,18 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage,
 }
 
 Vyrix_ReturnStatus CCommHandler::OpenPort(const char* preferredSerial) {
-    return StartLink(new CUsbPort(preferredSerial), "<ERROR> %s :Error during OSAL open USB port\n", true);
+    auto* port = new CUsbPort(preferredSerial);
+    // The device found again is the one with the serial number of the
+    // device taken now, whichever was asked for.
+    auto taken = std::make_shared<std::string>();
+    PortFactory reopen = [taken] { return std::unique_ptr<CPort>(new CUsbPort(taken->c_str(), true)); };
+    Vyrix_ReturnStatus r = StartLink(port, reopen, std::make_unique<CUsbArrivalWatch>(),
+                                     "<ERROR> %s :Error during OSAL open USB port\n", true);
+    if (r == RC_OK) {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        *taken = !port->SerialNumber().empty() || preferredSerial == nullptr ? port->SerialNumber() : preferredSerial;
+    }
+    return r;
 }
 
 Vyrix_ReturnStatus CCommHandler::OpenPort(const char* pPortName, DWORD dwBaud) {
@@ -66,10 +94,18 @@ Vyrix_ReturnStatus CCommHandler::OpenPort(const char* pPortName, DWORD dwBaud) {
         LlcLog("<ERROR>%s: Invalid Arguments.\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }
-    // A URL names a line that a server on another host exports.
-    CPort* port = CNetAddress::IsUrl(pPortName) ? static_cast<CPort*>(new CNetPort(pPortName))
-                                                : new CSPort(pPortName, KT_VYRIX_BAUDRATE, 'n', 8, 1.0f);
-    return StartLink(port, "<ERROR> %s :Error during OSAL open serial port\n", false);
+    // A URL names a line that a server on another host exports; its return
+    // is not announced, so reconnection waits out the back-off for it.
+    const std::string name = pPortName;
+    const bool remote = CNetAddress::IsUrl(pPortName);
+    PortFactory reopen = [name, remote] {
+        return remote ? std::unique_ptr<CPort>(new CNetPort(name.c_str()))
+                      : std::unique_ptr<CPort>(new CSPort(name.c_str(), KT_VYRIX_BAUDRATE, 'n', 8, 1.0f));
+    };
+    std::unique_ptr<CArrivalWatch> watch =
+        remote ? std::make_unique<CArrivalWatch>() : std::make_unique<CPathWatch>(pPortName);
+    return StartLink(reopen().release(), reopen, std::move(watch), "<ERROR> %s :Error during OSAL open serial port\n",
+                     false);
 }
 
 Vyrix_ReturnStatus CCommHandler::OpenPort(const char* m_uniqueID, const char* m_pass_Key) {
@@ -77,7 +113,10 @@ Vyrix_ReturnStatus CCommHandler::OpenPort(const char* m_uniqueID, const char* m_
         LlcLog("<ERROR>%s: Invalid Arguments.\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }
-    return StartLink(new CBTPort(m_uniqueID, m_pass_Key), "<ERROR> %s :Error during OSAL open bth socket \n", false);
+    const std::string id = m_uniqueID, key = m_pass_Key;
+    PortFactory reopen = [id, key] { return std::unique_ptr<CPort>(new CBTPort(id.c_str(), key.c_str())); };
+    return StartLink(reopen().release(), reopen, std::make_unique<CArrivalWatch>(),
+                     "<ERROR> %s :Error during OSAL open bth socket \n", false);
 }
 
 Vyrix_ReturnStatus CCommHandler::IsDeviceConnected() { return m_bConnected ? RC_OK : RC(eVYRIX_FAILURE); }
@@ -88,12 +127,48 @@ int CCommHandler::ReadThreadRoutine(void* arg) {
     return 0;
 }
 
+void CCommHandler::ReceiveLoop() {
+    while (!m_closing) {
+        if (!m_resumeDown) {
+            const Vyrix_ReturnStatus reason = ReadUntilDown();
+            if (m_closing) return;
+            LinkDown(reason);
+            if (!StayForReconnect()) return;
+        }
+        m_resumeDown = false;
+        if (!Reconnect()) return;
+    }
+}
+
+bool CCommHandler::StayForReconnect() {
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    m_receiving = !m_closing && m_reconnect;
+    return m_receiving;
+}
+
+void CCommHandler::ResumeReceiving() {
+    std::lock_guard<std::mutex> threads(m_threadMutex);
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        if (m_receiving || m_closing || !m_started || !m_reconnect) return;
+        m_receiving = true;
+        m_resumeDown = true;
+    }
+    m_thread.CloseThread();  // the one that ended at the link's going down
+    if (m_thread.createThread(ReadThreadRoutine, this, "vyrix-receive") != RC_OK) {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_receiving = false;
+    }
+}
+
 // Sleeps in the port's read while the line is idle; inside a packet the
 // read waits at most KT_PACKET_GAP_MS, after which the packet is given up
 // and its bytes searched again.
-void CCommHandler::ReceiveLoop() {
+Vyrix_ReturnStatus CCommHandler::ReadUntilDown() {
     BYTE buf[KT_XLNK_MAX_PACKET];
     while (!m_closing) {
+        // A writer found the device gone and woke this read.
+        if (!m_bConnected) return RC(eVYRIX_NOT_CONNECTED);
         const bool inPacket = m_msgHandler.InPacket();
         const CDeadline deadline = inPacket ? CDeadline::After(KT_PACKET_GAP_MS) : CDeadline::Never();
         int bytesRead = 0;
@@ -104,7 +179,7 @@ void CCommHandler::ReceiveLoop() {
             CountParserDiscards();
             continue;
         }
-        if (m_closing) return;
+        if (m_closing) return RC_OK;
         if (HasCode(r, eVYRIX_INCOMPLETE)) {
             if (inPacket && deadline.Expired()) {
                 m_msgHandler.AbandonPacket();
@@ -115,9 +190,9 @@ void CCommHandler::ReceiveLoop() {
         }
         // The device is gone, or the port failed in a way reading again
         // would only repeat.
-        LinkDown();
-        return;
+        return r;
     }
+    return RC_OK;
 }
 
 void CCommHandler::Consume(BYTE* buf, DWORD length) {
@@ -149,7 +224,8 @@ void CCommHandler::Deliver(const KtXlnkMsgS& sMsg) {
         LlcLog("<ERROR> %s: Invalid Protocol ID.\n", "ReadThreadRoutine");
         return;
     }
-    if (g_pfnParseEventCallbackFunction.load() == nullptr) return;  // nobody listens: dropped
+    // Nobody listens (no callback, no event descriptor): dropped.
+    if (g_pfnParseEventCallbackFunction.load() == nullptr && !m_events.Active()) return;
     QueueUnprompted(sMsg);
 }
 
@@ -161,14 +237,120 @@ void CCommHandler::QueueUnprompted(const KtXlnkMsgS& sMsg) {
             LlcLog("<INFO> %s: Unprompted message queue full, dropping the oldest messages.\n", "ReadThreadRoutine");
     }
     CCallbackDispatcher::Post(*this, pushed.dropped);
+    RefreshEvents();
 }
 
-void CCommHandler::LinkDown() {
-    if (!m_closing && !m_wentDown.exchange(true)) ++m_counters.linkDowns;
+void CCommHandler::LinkDown(Vyrix_ReturnStatus reason) {
     m_gate.Close();
     m_bConnected = false;
     m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
     m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
+    if (m_closing || m_wentDown.exchange(true)) return;
+    ++m_counters.linkDowns;
+    ReportState(eVYRIX_LINK_DOWN, reason);
+}
+
+void CCommHandler::ReportState(Vyrix_LinkStateE state, Vyrix_ReturnStatus reason) {
+    if (!m_state.Change(state)) return;
+    CCallbackDispatcher::PostState(*this, state, reason);
+    RefreshEvents();
+}
+
+void CCommHandler::RefreshEvents() {
+    if (!m_events.Active()) return;
+    m_events.Update([this] { return !m_rxMsgConnectionlessQ.Empty() || m_state.Unread(); });
+}
+
+Vyrix_LinkStateE CCommHandler::ReadState() {
+    const Vyrix_LinkStateE state = m_state.Read();
+    RefreshEvents();
+    return state;
+}
+
+int CCommHandler::EventFd() {
+    const int fd = m_events.Fd();
+    RefreshEvents();
+    return fd;
+}
+
+void CCommHandler::SetReconnect(bool enable, unsigned maxIntervalMs) {
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_maxIntervalMs = maxIntervalMs;
+        m_reconnect = enable;
+    }
+    if (m_watch) m_watch->Wake();
+    if (enable) ResumeReceiving();
+}
+
+bool CCommHandler::Reconnect() {
+    ReleasePort();
+    ReportState(eVYRIX_LINK_RECONNECTING, RC_OK);
+    unsigned pauseMs = KT_RECONNECT_FIRST_MS;
+    for (;;) {
+        if (m_closing) return false;
+        if (!m_reconnect) {
+            // Switched off while looking: down again, and this thread ends
+            // (under the lock, so a switch back on starts the next one
+            // after this change is reported).
+            std::lock_guard<std::mutex> lock(m_lifeMutex);
+            if (!m_reconnect) {
+                m_receiving = false;
+                if (!m_closing) ReportState(eVYRIX_LINK_DOWN, RC(eVYRIX_NOT_CONNECTED));
+                return false;
+            }
+        }
+        if (TryReopen()) return true;
+        if (m_closing) return false;
+        // A device that has just arrived may need a moment before it
+        // answers: after an arrival the back-off starts again.
+        if (m_watch->Wait(CDeadline::After(pauseMs)) == CArrivalWatch::kArrived)
+            pauseMs = KT_RECONNECT_FIRST_MS;
+        else
+            pauseMs = std::min(pauseMs * 2, std::max(m_maxIntervalMs.load(), KT_RECONNECT_FIRST_MS));
+    }
+}
+
+// The old port goes first: it holds the device's lock file and the device.
+void CCommHandler::ReleasePort() {
+    std::unique_ptr<CPort> old;
+    {
+        std::lock_guard<std::mutex> write(m_writeLock);
+        std::lock_guard<std::mutex> lock(m_portMutex);
+        old.swap(m_port);
+    }
+    if (old != nullptr && old->ClosePort() != RC_OK) LlcLog("<ERROR> %s: Error closing port.\n", "ClosePort");
+}
+
+bool CCommHandler::TryReopen() {
+    std::unique_ptr<CPort> port;
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        if (m_closing || !m_makePort) return false;
+        port = m_makePort();
+        m_opening = port.get();
+    }
+    const Vyrix_ReturnStatus r = port->OpenPort();
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_opening = nullptr;
+    }
+    if (r != RC_OK) return false;
+    if (m_msgHandler.InPacket()) m_msgHandler.AbandonPacket();  // the old device's last words
+    {
+        std::lock_guard<std::mutex> write(m_writeLock);
+        std::lock_guard<std::mutex> lock(m_portMutex);
+        // A close that began meanwhile has marked the link down: it stays so.
+        if (m_closing) return false;
+        m_port.swap(port);
+        m_rxMsgQ.MarkUp();
+        m_rxMsgConnectionlessQ.MarkUp();
+        m_gate.Reopen();
+        m_wentDown = false;
+        m_bConnected = true;
+    }
+    ReportState(eVYRIX_LINK_UP, RC_OK);
+    return true;
 }
 
 CMsgQueue& CCommHandler::Select(KtQueueTypeE queueType) {
@@ -184,6 +366,7 @@ Vyrix_ReturnStatus CCommHandler::RemoveMsg(KtQueueTypeE queueType, KtXlnkMsgS* p
     CMsgQueue& queue = Select(queueType);
     const WORD capacity = pMsg->payloadLen;
     Vyrix_ReturnStatus r = queue.WaitPop(pMsg, CDeadline::After(0));
+    if (queueType == eCONNECTIONLESS) RefreshEvents();
     if (r != RC(eVYRIX_RETRY)) return r;
     pMsg->payloadLen = capacity;
     r = RetryLastMessage(queue, pMsg);
@@ -216,13 +399,15 @@ void CCommHandler::DropReplies() {
 Vyrix_ReturnStatus CCommHandler::WriteLocked(const BYTE* packet, size_t length, const char* function) {
     if (m_port == nullptr) {
         LlcLog("<ERROR> %s :Port not opened \n", function);
-        // A sender that still held this handler when its port was closed.
-        return m_closing ? RC(eVYRIX_NOT_CONNECTED) : RC(eVYRIX_FAILURE);
+        // A sender that still held this handler when its port was closed,
+        // or that came while the device is being looked for.
+        return m_closing || m_wentDown ? RC(eVYRIX_NOT_CONNECTED) : RC(eVYRIX_FAILURE);
     }
     Vyrix_ReturnStatus r =
         m_bConnected ? m_port->WritePort(packet, static_cast<unsigned short>(length)) : RC(eVYRIX_NOT_CONNECTED);
     if (HasCode(r, eVYRIX_NOT_CONNECTED)) {
-        LinkDown();
+        LinkDown(r);
+        m_port->CancelRead();  // the receive thread learns of it at once
         LlcLog("<ERROR> %s :Error writing data to port\n", function);
     }
     return r;
@@ -294,28 +479,42 @@ void CCommHandler::ClearRetryCache() {
 
 Vyrix_ReturnStatus CCommHandler::ClosePort() {
     m_bConnected = false;
-    if (m_port == nullptr) {
+    if (!m_started) {
         LlcLog("<ERROR> %s :Error closing port\n", "ClosePort");
         return RC(eVYRIX_FAILURE);
     }
-    // Waiters leave first; then the receive thread is woken and joined.
-    m_closing = true;
-    m_gate.Close();
-    m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
-    m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
-    m_port->CancelRead();
-    if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
-    Vyrix_ReturnStatus r;
+    // Waiters leave first, a reconnection stops; then the receive thread is
+    // woken and joined.
+    {
+        std::lock_guard<std::mutex> lock(m_lifeMutex);
+        m_closing = true;
+        if (m_opening != nullptr) m_opening->CancelRead();
+    }
+    if (m_watch) m_watch->Wake();
+    {
+        std::lock_guard<std::mutex> lock(m_portMutex);
+        m_gate.Close();
+        m_rxMsgQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
+        m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
+        if (m_port != nullptr) m_port->CancelRead();
+    }
+    {
+        std::lock_guard<std::mutex> threads(m_threadMutex);
+        if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
+    }
+    Vyrix_ReturnStatus r = RC_OK;
     {
         std::lock_guard<std::mutex> lock(m_writeLock);
-        r = m_port->ClosePort();
+        if (m_port != nullptr) r = m_port->ClosePort();  // none while the device was being looked for
         if (r != RC_OK) LlcLog("<ERROR> %s: Error closing port.\n", "ClosePort");
         m_port.reset();
     }
     m_rxMsgQ.DrainNow();
     m_rxMsgConnectionlessQ.DrainNow();
+    m_events.Close();
     if (m_dispatching) CCallbackDispatcher::Detach();
     m_dispatching = false;
+    m_started = false;
     return r;
 }
 

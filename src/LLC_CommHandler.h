@@ -3,7 +3,11 @@
 // into queued messages, the reply and unprompted-message queues (bounded),
 // the copy of the last packet for a resend at the device's request, the
 // gate that lets one command at a time through, the sequence number of the
-// last command sent, and the link's counters.
+// last command sent, the link's counters, and its lifecycle: the state the
+// application sees (up, down, reconnecting), the event descriptor for event
+// loops, and, when asked for, the reopening of the same device after it
+// went away (on the receive thread, which stays after the device went away
+// only while reconnection is on).
 //
 // Ownership: the link registry holds one reference per open link; a
 // connection holds one, and so does every call working with the link, so a
@@ -16,11 +20,17 @@
 #define LLC_COMMHANDLER_H
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "LLC_ArrivalWatch.h"
 #include "LLC_CommandGate.h"
+#include "LLC_EventNotifier.h"
+#include "LLC_LinkState.h"
 #include "LLC_MsgQueue.h"
 #include "LLC_Port.h"
 #include "LLC_Thread.h"
@@ -91,6 +101,21 @@ public:
 
     Vyrix_ReturnStatus ClosePort();
 
+    // The state the application sees; ReadState marks every change so far
+    // as read.
+    Vyrix_LinkStateE ReadState();
+    Vyrix_LinkStateE State() const { return m_state.Current(); }
+    // Who is told of state changes (on the callback dispatcher's thread).
+    void SetStateListener(const CLinkState::Listener& listener) { m_state.SetListener(listener); }
+    CLinkState::Listener StateListener() const { return m_state.GetListener(); }
+    // The descriptor readable while an unprompted message waits or a state
+    // change is unread; -1 when none can be made.  From the first call on,
+    // unprompted messages are queued even with no callback registered.
+    int EventFd();
+    // Reopen the same device after the link went down (maxIntervalMs: the
+    // longest pause between attempts).
+    void SetReconnect(bool enable, unsigned maxIntervalMs);
+
     Vyrix_ReturnStatus EnumerateBTHDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
     Vyrix_ReturnStatus EnumerateUSBDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
     Vyrix_ReturnStatus EnumerateUARTDevices(unsigned numDevicesToEnumerate, unsigned* pNumDevices, void* pDeviceInfo);
@@ -100,18 +125,44 @@ private:
     // Messages queued but not yet announced to the callback; guarded by the
     // dispatcher's lock.
     struct Announcements {
-        size_t pending = 0;
+        // One unprompted message or a run of them, or one state change, in
+        // the order they happened.
+        struct Item {
+            size_t messages;
+            Vyrix_LinkStateE state;
+            Vyrix_ReturnStatus reason;
+        };
+        std::deque<Item> items;
+        size_t states = 0;  // state changes among the items
         bool listed = false;
     };
+    using PortFactory = std::function<std::unique_ptr<CPort>()>;
 
     static int ReadThreadRoutine(void* arg);
     void ReceiveLoop();
+    // Reads until the link goes down (its reason) or closes (0).
+    Vyrix_ReturnStatus ReadUntilDown();
     void Consume(BYTE* buf, DWORD length);
     void Deliver(const KtXlnkMsgS& sMsg);
-    void LinkDown();
+    void LinkDown(Vyrix_ReturnStatus reason);
+    void ReportState(Vyrix_LinkStateE state, Vyrix_ReturnStatus reason);
+    void RefreshEvents();
     void QueueUnprompted(const KtXlnkMsgS& sMsg);
     void CountParserDiscards();
-    Vyrix_ReturnStatus StartLink(CPort* port, const char* failMessage, bool logThreadFailure);
+    // After the link went down: releases the port, then reopens the same
+    // device while reconnection is on.  False when the receive thread ends:
+    // the link closes, or reconnection is off (the link stays down).
+    bool Reconnect();
+    // Whether the receive thread stays after the link went down (only to
+    // reconnect); otherwise it ends, as a link without reconnection does.
+    bool StayForReconnect();
+    // Reconnection switched on for a link that is down without a receive
+    // thread: one starts, to reconnect.
+    void ResumeReceiving();
+    bool TryReopen();
+    void ReleasePort();
+    Vyrix_ReturnStatus StartLink(CPort* port, PortFactory makePort, std::unique_ptr<CArrivalWatch> watch,
+                                 const char* failMessage, bool logThreadFailure);
     Vyrix_ReturnStatus WriteLocked(const BYTE* packet, size_t length, const char* function);
     Vyrix_ReturnStatus RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* pMsg);
     CMsgQueue& Select(KtQueueTypeE queueType);
@@ -127,8 +178,12 @@ private:
     std::atomic<bool> m_closing;
     std::atomic<bool> m_waitingReply;
     bool m_dispatching;
+    bool m_started;  // a port was opened and the link is not yet closed
     // Serialises writes and guards the port's lifetime and the retry copy.
     std::mutex m_writeLock;
+    // Guards which port m_port is, so a close can cancel its read without
+    // waiting for a write in progress; taken after m_writeLock.
+    std::mutex m_portMutex;
     std::vector<BYTE> m_lastPacket;
     WORD m_LastPayloadLen;
     CCommandGate m_gate;
@@ -137,6 +192,20 @@ private:
     const unsigned m_generation;  // of the process that opened it
     size_t m_parserDiscards;      // receive thread only
     Announcements m_announce;
+
+    CLinkState m_state;
+    CEventNotifier m_events;
+    std::atomic<bool> m_reconnect;
+    std::atomic<unsigned> m_maxIntervalMs;
+    // Guards m_makePort, m_opening, m_receiving and the reconnection switch.
+    std::mutex m_lifeMutex;
+    PortFactory m_makePort;
+    CPort* m_opening;   // a port being reopened, for a close to cancel
+    bool m_receiving;   // a receive thread runs (guarded by m_lifeMutex)
+    bool m_resumeDown;  // the next receive thread starts by reconnecting
+    // Serialises starting a receive thread again with joining it.
+    std::mutex m_threadMutex;
+    std::unique_ptr<CArrivalWatch> m_watch;
 
     struct AtomicCounters {
         std::atomic<uint64_t> packetsSent{0}, packetsReceived{0}, bytesSent{0}, bytesReceived{0}, resends{0},

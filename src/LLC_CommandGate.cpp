@@ -27,6 +27,11 @@ bool CCommandGate::Pause(const CDeadline& until) {
     return !m_free.wait_until(lock, until.When(), [this] { return m_closed; });
 }
 
+void CCommandGate::Reopen() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_closed = false;
+}
+
 void CCommandGate::Close() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);

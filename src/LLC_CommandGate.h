@@ -28,6 +28,8 @@ public:
     // The link went down or is closing: waiters leave with 0x16000000 and no
     // one enters again.
     void Close();
+    // The link is up again: commands may enter.
+    void Reopen();
 
 private:
     std::mutex m_mutex;

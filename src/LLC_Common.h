@@ -46,6 +46,16 @@ constexpr unsigned KT_WRITE_STALL_MS = 2000;       // a write with no progress t
 constexpr unsigned KT_BTH_IO_TIMEOUT_S = 2;        // Bluetooth connect
 constexpr uint8_t KT_BTH_RFCOMM_CHANNEL = 1;
 
+// Reconnection: the pause between attempts starts here and doubles up to
+// the connection's maximum (this default when none is given).
+constexpr unsigned KT_RECONNECT_FIRST_MS = 50;
+constexpr unsigned KT_RECONNECT_DEFAULT_MAX_MS = 5000;
+// State changes a link holds for its callback before the oldest go.
+constexpr size_t KT_MAX_PENDING_STATE_CHANGES = 1024;
+// How long a close waits for a state or message callback of its link that
+// is still running on the callback thread.
+constexpr unsigned KT_CALLBACK_QUIESCE_MS = 10000;
+
 // USB identity and transfers.
 #ifndef VYRIX_USB_VENDOR_ID
 #error "VYRIX_USB_VENDOR_ID is set by the build"

@@ -41,6 +41,10 @@ Vyrix_ReturnStatus LlcTakeMessage(const KtHandlerRef& link, KtXlnkMsgS* pMsg);
 // reference is kept for the life of the process.
 void LlcReleaseLink(KtHandlerRef& link);
 
+// Returns once no callback for the link runs on the callback thread (at
+// once when called on that thread).
+void LlcQuiesceCallbacks(const KtHandlerRef& link);
+
 // Drops the replies queued on the port without waiting, and ends its wait
 // for a reply: stale replies before a new command.
 void LlcDropReplies(const KtHandlerRef& link);

@@ -70,6 +70,11 @@ size_t CMsgQueue::DrainNow() {
     return dropped;
 }
 
+bool CMsgQueue::Empty() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages.empty();
+}
+
 void CMsgQueue::MarkDown(Vyrix_ReturnStatus result) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);

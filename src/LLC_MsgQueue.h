@@ -40,6 +40,10 @@ public:
 
     // From now on waits end with `result` once the queue is empty.
     void MarkDown(Vyrix_ReturnStatus result);
+    // The link is up again: waits wait for messages once more.
+    void MarkUp() { MarkDown(RC_OK); }
+
+    bool Empty();
 
 private:
     struct Message {

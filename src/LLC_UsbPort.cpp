@@ -41,8 +41,9 @@ bool CUsbPort::ListDevices(const char* function, libusb_device*** list, ssize_t*
     return true;
 }
 
-CUsbPort::CUsbPort(const char* preferredSerial)
+CUsbPort::CUsbPort(const char* preferredSerial, bool onlyPreferred)
     : m_preferredSerial(preferredSerial != nullptr ? preferredSerial : ""),
+      m_onlyPreferred(onlyPreferred),
       m_vyrixHandle(nullptr),
       m_ctx(nullptr),
       m_vyrixdev(nullptr),
@@ -167,7 +168,9 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     // The device with the serial number asked for, when there is a free
     // one; otherwise the first free device, as without a preference.
     libusb_device* taken = m_preferredSerial.empty() ? nullptr : TakeFirstFree(list, count, true);
-    if (taken == nullptr) taken = TakeFirstFree(list, count, false);
+    // A device whose serial number could not be read is found again as any
+    // device of the product.
+    if (taken == nullptr && (!m_onlyPreferred || m_preferredSerial.empty())) taken = TakeFirstFree(list, count, false);
     if (taken == nullptr) {
         LlcLog("<INFO> %s: No Devices Found.\n", "OpenPort");
         return FailOpen(list, RC(eVYRIX_NOT_CONNECTED));
@@ -180,6 +183,11 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
         RemoveLockFile();
         return FailOpen(list, RC(eVYRIX_FAILURE));
     }
+    libusb_device_descriptor desc{};
+    unsigned char serial[KT_USB_STRING_SIZE] = {0};
+    if (libusb_get_device_descriptor(taken, &desc) == 0 && desc.iSerialNumber != 0 &&
+        libusb_get_string_descriptor_ascii(m_vyrixHandle, desc.iSerialNumber, serial, sizeof serial - 1) > 0)
+        m_serialNumber = reinterpret_cast<const char*>(serial);
     libusb_free_device_list(list, 1);
     if (libusb_kernel_driver_active(m_vyrixHandle, 0) == 1) libusb_detach_kernel_driver(m_vyrixHandle, 0);
     if (libusb_claim_interface(m_vyrixHandle, 0) != 0) {

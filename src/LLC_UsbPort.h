@@ -19,8 +19,9 @@ extern std::atomic<unsigned char> vyrix_write_ep_;
 
 class CUsbPort : public CPort {
 public:
-    // Devices with this serial number are taken first (none: any device).
-    explicit CUsbPort(const char* preferredSerial = nullptr);
+    // Devices with this serial number are taken first (none: any device);
+    // with `onlyPreferred`, no other device is taken.
+    explicit CUsbPort(const char* preferredSerial = nullptr, bool onlyPreferred = false);
     ~CUsbPort() override;
     CUsbPort(const CUsbPort&) = delete;
     CUsbPort& operator=(const CUsbPort&) = delete;
@@ -44,6 +45,8 @@ public:
     int GetSerialNumberString(libusb_device_handle* dev, unsigned char index, char* c_buff, int length);
 
     const char* LockFileName() const { return reinterpret_cast<const char*>(m_lockfile_str); }
+    // The serial number of the device taken ("" when it cannot be read).
+    const std::string& SerialNumber() const { return m_serialNumber; }
 
 private:
     enum class Match { kSkip, kTake, kNoEndpoint };
@@ -68,6 +71,8 @@ private:
     void FillRecord(libusb_device* dev, const libusb_device_descriptor& desc, Vyrix_EnumerateUSBInfo& record);
 
     std::string m_preferredSerial;
+    bool m_onlyPreferred;
+    std::string m_serialNumber;
     libusb_device_handle* m_vyrixHandle;
     libusb_context* m_ctx;
     libusb_device* m_vyrixdev;

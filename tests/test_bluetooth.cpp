@@ -18,6 +18,7 @@
 #include "ApiLink.h"
 #include "LLC_BTPort.h"
 #include "LLC_CommHandler.h"
+#include "StateRecorder.h"
 
 extern "C" {
 extern int vyrix_fake_last_inquiry_length;
@@ -302,6 +303,29 @@ TEST_F(BluetoothLink, SecondProcessIsRefusedByTheLockFile) {
 TEST(BluetoothSecondProcess, OpeningTheSameAddress) {
     if (getenv("VYRIX_BT_SECOND_PROCESS") == nullptr) GTEST_SKIP() << "runs as the second process only";
     EXPECT_EQ(KtOpenBTHSocket(kAddr, "0000"), 0x16000000u);
+}
+
+TEST_F(Bluetooth, ReconnectsWhenThePeerComesBack) {
+    auto device = std::make_unique<FakeDevice>(kAddress);
+    void *library = nullptr, *conn = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, vt::BthRecord(kAddr)), 0u);
+    ASSERT_TRUE(device->WaitConnected());
+    vt::Recorder recorder;
+    ASSERT_EQ(Vyrix_SetLinkStateCallback(conn, vt::Recorder::Callback, &recorder), 0u);
+    ASSERT_EQ(Vyrix_SetReconnect(conn, 1, 100), 0u);
+    device.reset();  // the peer goes away
+    ASSERT_TRUE(recorder.WaitFor(2));
+    uint8_t value = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0x16000000u);
+    device = std::make_unique<FakeDevice>(kAddress);
+    ASSERT_TRUE(recorder.WaitFor(3));
+    ASSERT_TRUE(device->WaitConnected());
+    EXPECT_EQ(recorder.Events(), (std::vector<vt::Event>{vt::kDown, vt::kReconnecting, vt::kUp}));
+    ASSERT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(device->Sim().ReceivedCount(), 1u);
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(LockName(kAddress)));
 }
 
 }  // namespace

@@ -333,6 +333,48 @@ TEST_F(Tools, MonitorShowsUnpromptedMessages) {
     EXPECT_EQ(nlohmann::json::parse(monitor.out.substr(split + 1))["message"], 2);
 }
 
+// The simulator stopped and started again at the same --link path: without
+// --reconnect monitor ends with 1 at "down"; with it, it goes on through
+// "reconnecting" to "up" (and ends on SIGTERM).
+TEST_F(Tools, MonitorFollowsTheLinkGoingDownAndComingBack) {
+    // A simulator's output of a run before must not pass for the new one's.
+    const auto startSim = [this] {
+        unlink(Path("sim.out").c_str());
+        StartSim();
+    };
+    for (const bool reconnect : {false, true}) {
+        startSim();
+        std::string lock = "vyrix_llc_com_" + link + ".lock";
+        std::replace(lock.begin(), lock.end(), '/', '_');
+        const std::string out = Path("monitor.out");
+        std::vector<std::string> args = {VYRIXCTL, "--uart", link, "--json", "monitor"};
+        if (reconnect) args.push_back("--reconnect");
+        const pid_t monitor = Start(args, out, Path("monitor.err"));
+        ASSERT_TRUE(vt::Eventually([&] { return vt::FileExists(vt::RuntimeDir() + "/" + lock); }));
+        kill(simPid, SIGTERM);
+        Wait(simPid);
+        simPid = -1;
+        std::vector<std::string> want = {R"({"state":"down","reason":"eVYRIX_NOT_CONNECTED"})"};
+        if (reconnect) {
+            ASSERT_TRUE(vt::Eventually([&] { return vt::ReadFile(out).find("reconnecting") != std::string::npos; }));
+            startSim();
+            ASSERT_TRUE(vt::Eventually([&] { return vt::ReadFile(out).find("\"up\"") != std::string::npos; }));
+            kill(monitor, SIGTERM);
+            want.insert(want.end(), {R"({"state":"reconnecting"})", R"({"state":"up"})"});
+        }
+        EXPECT_EQ(Wait(monitor), reconnect ? 143 : 1) << vt::ReadFile(Path("monitor.err"));
+        std::vector<std::string> lines;
+        std::istringstream got(vt::ReadFile(out));
+        for (std::string line; std::getline(got, line);) lines.push_back(line);
+        EXPECT_EQ(lines, want);
+        if (simPid > 0) {
+            kill(simPid, SIGTERM);
+            Wait(simPid);
+            simPid = -1;
+        }
+    }
+}
+
 TEST_F(Tools, DemoRunsToTheEndPlainOffATerminal) {
     EXPECT_TRUE(vt::Contains(Run(VYRIX_DEMO, "--help").out, "Usage: vyrix-demo"));
     Outcome demo = Run(VYRIX_DEMO, "");

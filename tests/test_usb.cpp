@@ -1,5 +1,6 @@
 // The USB port on the real libusb-1.0 against devices emulated by umockdev.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 
@@ -14,6 +15,7 @@
 #include "ApiLink.h"
 #include "LLC_CommHandler.h"
 #include "LLC_UsbPort.h"
+#include "StateRecorder.h"
 #include "usb/UsbEmulator.h"
 
 namespace {
@@ -340,6 +342,71 @@ TEST_F(UsbFaults, UnpluggedInTheMiddleOfAFirmwareUpgrade) {
     EXPECT_LT(closing.Ms(), 3000);
     EXPECT_FALSE(vt::FileExists(UsbLock(2)));
 }
+
+// Reconnection by serial number: the device unplugged and plugged in again
+// (at another address) is taken; a device with another serial number that
+// arrives meanwhile is not.
+TEST_F(Usb, ReconnectsToTheSameSerialNumberOnly) {
+    vt::UsbEmulator::Device& first = g_usb->Add(Vyrix(2, "AB12"));
+    Sim original(first.TakeStream());
+    void *library = nullptr, *conn = nullptr;
+    ASSERT_EQ(Vyrix_OpenLibrary(&library), 0u);
+    ASSERT_EQ(Vyrix_OpenConnection(library, &conn, vt::UsbRecord("AB12")), 0u);
+    vt::Recorder recorder;
+    ASSERT_EQ(Vyrix_SetLinkStateCallback(conn, vt::Recorder::Callback, &recorder), 0u);
+    ASSERT_EQ(Vyrix_SetReconnect(conn, 1, 100), 0u);
+    first.Unplug();
+    ASSERT_TRUE(recorder.WaitFor(2));
+    uint8_t value = 0;
+    EXPECT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0x16000000u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(2)));
+
+    Sim other(g_usb->Plug(Vyrix(3, "ZZ99")).TakeStream());
+    // An attempt has looked at it (and must have left it).
+    ASSERT_TRUE(vt::Eventually([] { return Log().find("Found Device on bus 001 and addr 003") != std::string::npos; }));
+    Sim back(g_usb->Plug(Vyrix(4, "AB12")).TakeStream());
+    ASSERT_TRUE(recorder.WaitFor(3));
+    EXPECT_EQ(recorder.Events(), (std::vector<vt::Event>{vt::kDown, vt::kReconnecting, vt::kUp}));
+    ASSERT_EQ(Vyrix_GetBrightness(conn, &value, eVYRIX_STORAGE_CURRENT), 0u);
+    EXPECT_EQ(std::make_tuple(back.ReceivedCount(), other.ReceivedCount()), std::make_tuple(size_t{1}, size_t{0}));
+    EXPECT_TRUE(vt::FileExists(UsbLock(4)));
+    EXPECT_FALSE(vt::FileExists(UsbLock(3)));
+    EXPECT_EQ(Vyrix_CloseLibrary(library), 0u);
+    EXPECT_FALSE(vt::FileExists(UsbLock(4)));
+}
+
+#ifdef VYRIXCTL
+// vyrixctl in this testbed: the device present, then one arriving and
+// going, each a JSON line as libusb's hot-plug callbacks report it.
+TEST_F(Usb, ListWatchPrintsArrivalsAndRemovals) {
+    g_usb->Add(Vyrix(2, "AB12"));
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(fds[1], 1);
+        execl(VYRIXCTL, VYRIXCTL, "list", "usb", "--watch", "--json", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    FILE* out = fdopen(fds[0], "r");
+    auto next = [out] {
+        char line[512] = {0};
+        return fgets(line, sizeof line, out) != nullptr ? std::string(line) : std::string();
+    };
+    EXPECT_TRUE(Contains(next(), R"({"event":"present","product":4,"serial":"AB12","bus":1,"address":2})"));
+    vt::UsbEmulator::Device& arriving = g_usb->Plug(Vyrix(3, "CD34"));
+    EXPECT_TRUE(Contains(next(), R"({"event":"arrived","product":4,"serial":"CD34","bus":1,"address":3})"));
+    arriving.Unplug();
+    EXPECT_TRUE(Contains(next(), R"({"event":"removed","product":4,"serial":"CD34","bus":1,"address":3})"));
+    kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 143) << status;
+    EXPECT_EQ(next(), "");  // nothing more
+    fclose(out);
+}
+#endif
 
 }  // namespace
 

@@ -41,9 +41,9 @@ def lock_file(port):
 class Simulator:
     """vyrix-sim with a link to its terminal; waits on its output, never sleeps."""
 
-    def __init__(self, *args):
+    def __init__(self, *args, link=None):
         assert SIM, "vyrix-sim not found: set VYRIX_SIM"
-        self.link = os.path.join(tempfile.mkdtemp(dir=RUNTIME_DIR), "sim")
+        self.link = link or os.path.join(tempfile.mkdtemp(dir=RUNTIME_DIR), "sim")
         self.output = ""
         self.proc = subprocess.Popen(
             [SIM, "--link", self.link, *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, bufsize=0
@@ -75,8 +75,8 @@ def simulator():
     """A function that starts a simulator with extra options; all are stopped at the end."""
     started = []
 
-    def start(*args):
-        started.append(Simulator(*args))
+    def start(*args, link=None):
+        started.append(Simulator(*args, link=link))
         return started[-1]
 
     yield start

@@ -27,6 +27,7 @@ from .device import (
 from .errors import *  # noqa: F401,F403  (VyrixError, its subclasses, ResultCode)
 from .errors import ERROR_CLASSES, ResultCode, VyrixError, error_for
 from .errors import __all__ as _error_names
+from .lifecycle import LinkState
 from .model import (
     BluetoothDevice,
     ConnectionType,
@@ -65,6 +66,7 @@ __all__ = [
     "FrameRate",
     "LibraryInfo",
     "LinkStatistics",
+    "LinkState",
     "Message",
     "Protocol",
     "Storage",

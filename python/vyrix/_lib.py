@@ -13,7 +13,7 @@ import ctypes
 import os
 import queue
 import threading
-from ctypes import POINTER, c_char_p, c_float, c_int16, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_void_p
+from ctypes import POINTER, c_char_p, c_float, c_int, c_int16, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_void_p
 from typing import Any, Callable, Dict, List, Optional, Sequence, Set, Tuple, Type
 
 from . import errors
@@ -89,6 +89,11 @@ _PROTOTYPES: Dict[str, Tuple[Any, ...]] = {
 _OPTIONAL_PROTOTYPES: Dict[str, Tuple[Any, ...]] = {
     "Vyrix_GetLinkStatistics": (_h, POINTER(LinkStatistics)),
     "Vyrix_SetReplyTimeout": (_h, c_uint),
+    "Vyrix_GetLinkState": (_h, POINTER(c_int)),
+    "Vyrix_SetLinkStateCallback": (_h, c_void_p, c_void_p),
+    "Vyrix_GetEventFd": (_h, POINTER(c_int)),
+    "Vyrix_SetReconnect": (_h, c_int, c_uint32),
+    "Vyrix_TakeUnpromptedMessage": (_h, POINTER(c_uint8), c_uint16, POINTER(c_uint16), POINTER(c_uint8)),
 }
 
 # Vyrix_OpenConnection takes the connection record by value; one prototype

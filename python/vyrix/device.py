@@ -10,17 +10,19 @@ import numbers
 import operator
 import os
 import queue
+import select
 import threading
 import time
 import typing
 import weakref
 from ctypes import byref, c_float, c_int16, c_int32, c_uint, c_uint8, c_uint16, c_uint32
-from typing import Any, Callable, Iterator, List, Optional, Sequence, Tuple, Type, TypeVar, Union, cast
+from typing import Any, AsyncIterator, Callable, Iterator, List, Optional, Sequence, Tuple, Type, TypeVar, Union, cast
 
-from . import _blocking
+from . import _blocking, aio, lifecycle
 from . import _records as rec
 from ._lib import _Library, library
 from ._records import ConnectionInfo
+from .lifecycle import LinkState, StateListener
 from .errors import Incomplete, InvalidArgument, NotConnected, ResultCode, check
 from .model import (
     BluetoothDevice,
@@ -137,8 +139,13 @@ class Device:
         transport: str,
         address: str,
         timeout: Optional[float] = DEFAULT_TIMEOUT,
+        reconnect: bool = False,
     ) -> None:
         """Open the connection the record describes (use open_uart, open_usb or open_bluetooth)."""
+        self._event_fd: Optional[int] = None
+        self._on_state: Optional[StateListener] = None
+        self._state_callbacks: List[Any] = []  # every C callback registered, alive as long as the Device
+        self._reconnect = False
         self._transport = transport
         self._address = address
         self._handle: Optional[int] = None
@@ -158,6 +165,12 @@ class Device:
                 self.close()
                 raise
             self._timeout = None if timeout is None else float(timeout)
+        if reconnect:
+            try:
+                self.set_reconnect(True)
+            except BaseException:
+                self.close()
+                raise
 
     def __enter__(self) -> Device:
         return self
@@ -479,6 +492,76 @@ class Device:
         check(self._lib.call(name, self._open_handle(name), byref(out)), name)
         return LinkStatistics(*(getattr(out, name) for name, _ in rec.LinkStatistics._fields_))
 
+    # ---- the link's lifecycle ----
+
+    @property
+    def state(self) -> LinkState:
+        """The link's state now (LinkState.UP, DOWN or RECONNECTING); reading it clears fileno()'s readiness for it.
+
+        NotConnected once closed.
+        """
+        return lifecycle.read_state(self._lib, self._open_handle("state"))
+
+    @property
+    def on_state(self) -> Optional[StateListener]:
+        """Called as on_state(state, reason) for every change of the link's state, in order.
+
+        It runs on the library's callback thread (keep it short; it may
+        call this Device, even close it).  reason is the result word that
+        ended the link for DOWN, else 0.  None removes it.
+        """
+        return self._on_state
+
+    @on_state.setter
+    def on_state(self, listener: Optional[StateListener]) -> None:
+        callback = None if listener is None else lifecycle.state_callback(listener)
+        lifecycle.set_state_callback(self._lib, self._open_handle("on_state"), callback)
+        if callback is not None:
+            self._state_callbacks.append(callback)
+        self._on_state = listener
+
+    @property
+    def reconnecting(self) -> bool:
+        """Whether reconnection is on (set_reconnect, open_*(reconnect=True))."""
+        return self._reconnect
+
+    def set_reconnect(self, enable: bool = True, max_interval: Optional[float] = None) -> None:
+        """Reopen the same device when it goes away (the same path, USB serial number or Bluetooth address).
+
+        Attempts pause from 0.05 s doubling up to max_interval seconds
+        (None: 5 s); meanwhile commands raise NotConnected at once, and
+        once the link is up again the Device works as before.  Switched on
+        while the link is down, the attempts start at once.
+        """
+        if max_interval is not None:
+            _need_real("set_reconnect", "max_interval", max_interval)
+        lifecycle.set_reconnect(self._lib, self._open_handle("set_reconnect"), bool(enable), max_interval)
+        self._reconnect = bool(enable)
+
+    def fileno(self) -> int:
+        """A descriptor readable while a message waits or a change of the link's state is unread.
+
+        For select(), poll() or an event loop; never read or close it (close()
+        does).  From the first call on, messages stay in the library until
+        taken (take_message, messages(), next_message()).
+        """
+        if self._event_fd is None:
+            self._event_fd = lifecycle.event_fd(self._lib, self._open_handle("fileno"))
+        return self._event_fd
+
+    def take_message(self) -> Optional[Message]:
+        """The oldest unprompted message without waiting, or None (for use with fileno())."""
+        item = lifecycle.take_message(self._lib, self._open_handle("take_message"), self._messages)
+        return None if item is None else Message.from_tuple(item)
+
+    async def next_message(self, timeout: Optional[float] = None) -> Message:
+        """In asyncio: the next unprompted message (see vyrix.aio.next_message); no thread of its own."""
+        return await aio.next_message(self, timeout)
+
+    def amessages(self, timeout: Optional[float] = None) -> AsyncIterator[Message]:
+        """In asyncio: async for message in dev.amessages() (see vyrix.aio.messages)."""
+        return aio.messages(self, timeout)
+
     # ---- unprompted messages ----
 
     def messages(self, timeout: Optional[float] = None) -> Iterator[Message]:
@@ -489,6 +572,9 @@ class Device:
         """
         if timeout is not None:
             _need_real("messages", "timeout", timeout)
+        if self._event_fd is not None:  # they stay in the library now
+            yield from self._messages_by_descriptor(timeout)
+            return
         source = self._messages
         while True:
             give_up = None if timeout is None else time.monotonic() + timeout
@@ -500,6 +586,19 @@ class Device:
                     if give_up is not None and time.monotonic() >= give_up:
                         return
             yield Message.from_tuple(item)
+
+    def _messages_by_descriptor(self, timeout: Optional[float]) -> Iterator[Message]:
+        fd = self.fileno()
+        while True:
+            give_up = None if timeout is None else time.monotonic() + timeout
+            message = self.take_message()
+            while message is None:
+                left = None if give_up is None else give_up - time.monotonic()
+                if (left is not None and left <= 0) or not select.select([fd], [], [], left)[0]:
+                    return
+                lifecycle.read_state(self._lib, self._open_handle("messages"))  # a change of state, if that was it
+                message = self.take_message()
+            yield message
 
 
 _OUT = object()  # marks the out argument of a Get
@@ -528,7 +627,12 @@ def _text(value: PathOrBytes, where: str, name: str) -> bytes:
 
 @_typed
 def open_uart(
-    path: PathOrBytes, flow_control: int = 0, stop_bits: int = 1, *, timeout: Optional[float] = DEFAULT_TIMEOUT
+    path: PathOrBytes,
+    flow_control: int = 0,
+    stop_bits: int = 1,
+    *,
+    timeout: Optional[float] = DEFAULT_TIMEOUT,
+    reconnect: bool = False,
 ) -> Device:
     """Connect to a device on a serial line (57600 baud, 8N1).
 
@@ -536,37 +640,49 @@ def open_uart(
     "rfc2217://HOST:PORT" (Telnet with serial-port control) or "tcp://HOST:PORT".
     flow_control 0 (none) or 1 (hardware), stop_bits 1 or 2; timeout is the
     seconds each command waits for its reply (None: the library's default,
-    about 750 s).  Raises TypeError for arguments of the wrong type,
-    AlreadyOpened when the port is in use, Failure when it cannot be opened.
+    about 750 s); reconnect=True reopens the device at that path when it
+    goes away (Device.set_reconnect).  Raises TypeError for arguments of
+    the wrong type, AlreadyOpened when the port is in use, Failure when it
+    cannot be opened.
     """
     name = _text(path, "open_uart", "path")
     uart = rec.UartInfo(name, BAUD_RATE, flow_control, stop_bits)
     info = rec.UartConnectionInfo(connectionType=0, uartInfo=uart)
-    return Device(info, (name,), transport="uart", address=os.fsdecode(name), timeout=timeout)
+    return Device(info, (name,), transport="uart", address=os.fsdecode(name), timeout=timeout, reconnect=reconnect)
 
 
-def open_usb(serial: Union[str, bytes], *, timeout: Optional[float] = DEFAULT_TIMEOUT) -> Device:
+def open_usb(
+    serial: Union[str, bytes], *, timeout: Optional[float] = DEFAULT_TIMEOUT, reconnect: bool = False
+) -> Device:
     """Connect to a USB device by its serial number (see list_usb()).
 
-    timeout as for open_uart.  Raises NotConnected when no such device is
+    timeout and reconnect as for open_uart.  Raises NotConnected when no such device is
     attached, AlreadyOpened when it is open already.
     """
     serial_number = _text(serial, "open_usb", "serial")
     info = rec.USBConnectionInfo(connectionType=1, usbInfo=rec.USBInfo(USB_PRODUCT_ID, serial_number))
-    return Device(info, (serial_number,), transport="usb", address=os.fsdecode(serial_number), timeout=timeout)
+    return Device(
+        info, (serial_number,), transport="usb", address=os.fsdecode(serial_number), timeout=timeout, reconnect=reconnect
+    )
 
 
 def open_bluetooth(
-    address: Union[str, bytes], passkey: Union[str, bytes], *, timeout: Optional[float] = DEFAULT_TIMEOUT
+    address: Union[str, bytes],
+    passkey: Union[str, bytes],
+    *,
+    timeout: Optional[float] = DEFAULT_TIMEOUT,
+    reconnect: bool = False,
 ) -> Device:
     """Connect to a device over Bluetooth RFCOMM ("00:11:22:33:44:55", see list_bluetooth()).
 
-    timeout as for open_uart.  Raises BthDisabled without a usable adapter,
+    timeout and reconnect as for open_uart.  Raises BthDisabled without a usable adapter,
     NotConnected when the device cannot be reached.
     """
     mac, key = _text(address, "open_bluetooth", "address"), _text(passkey, "open_bluetooth", "passkey")
     info = rec.BTHConnectionInfo(connectionType=2, bthInfo=rec.BTHInfo(mac, key))
-    return Device(info, (mac, key), transport="bluetooth", address=os.fsdecode(mac), timeout=timeout)
+    return Device(
+        info, (mac, key), transport="bluetooth", address=os.fsdecode(mac), timeout=timeout, reconnect=reconnect
+    )
 
 
 def library_info() -> LibraryInfo:

@@ -332,4 +332,11 @@ UsbEmulator::Device& UsbEmulator::Add(const UsbDeviceSpec& setup) {
     return *devices_.back();
 }
 
+UsbEmulator::Device& UsbEmulator::Plug(const UsbDeviceSpec& setup) {
+    Device& device = Add(setup);
+    umockdev_testbed_uevent(static_cast<UMockdevTestbed*>(testbed_),
+                            ("/sys/devices/1-" + std::to_string(setup.address)).c_str(), "add");
+    return device;
+}
+
 }  // namespace vt

@@ -53,6 +53,9 @@ public:
         virtual void Unplug() = 0;
     };
     Device& Add(const UsbDeviceSpec& setup);
+    // As Add, and announced as an arrival (a udev "add" event), as a device
+    // plugged in while the program runs.
+    Device& Plug(const UsbDeviceSpec& setup);
 
 private:
     void* testbed_;

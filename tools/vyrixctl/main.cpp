@@ -23,6 +23,7 @@
 #include "Session.h"
 #include "Settings.h"
 #include "Upgrade.h"
+#include "UsbWatch.h"
 #include "Vyrix_LLC_Api_Ex.h"
 #include "vyrix_version.h"
 
@@ -44,6 +45,9 @@ std::atomic<bool> g_stop{false};
 std::mutex g_eventMutex;
 std::condition_variable g_event;
 int g_pending = 0;
+// Link-state changes for `monitor`, oldest first (guarded by g_eventMutex).
+std::vector<std::pair<Vyrix_LinkStateE, uint32_t>> g_states;
+std::atomic<UsbWatch*> g_usbWatch{nullptr};
 
 // SIGINT and SIGTERM are blocked in every thread and taken by one thread
 // that waits for them: it closes the connection, which ends the command in
@@ -63,6 +67,7 @@ void WaitForSignals(sigset_t signals) {
         g_stop = true;
         g_event.notify_all();
     }
+    if (UsbWatch* watch = g_usbWatch.load()) watch->Stop();
     std::unique_lock<std::mutex> lock(g_sessionMutex);
     if (g_session != nullptr) g_session->Close();
     if (!g_done.wait_for(lock, kInterruptGrace, [] { return g_finished; })) {
@@ -86,6 +91,12 @@ Vyrix_ReturnStatus OnDeviceMessage(void*) {
     ++g_pending;
     g_event.notify_one();
     return eVYRIX_RETURN_SUCCESS;
+}
+
+void OnLinkState(void*, Vyrix_LinkStateE state, uint32_t reason, void*) {
+    std::lock_guard<std::mutex> lock(g_eventMutex);
+    g_states.emplace_back(state, reason);
+    g_event.notify_one();
 }
 
 std::string Hex(const uint8_t* data, size_t n) {
@@ -253,8 +264,39 @@ int Upgrade(void* h, const std::vector<uint8_t>& image, bool json) {
     return report.Finish(r);
 }
 
-int Monitor(Session& session, int count, double seconds, bool json) {
+// One state change of the link; false when it ends `monitor` (down, and no
+// reconnection asked for).
+bool ShowState(Vyrix_LinkStateE state, uint32_t reason, bool reconnect, bool json) {
+    static const char* const kNames[] = {"up", "down", "reconnecting"};
+    // Changes alternate, so a repeat is the same change seen twice (the
+    // state read at the start and its callback).
+    static Vyrix_LinkStateE shown = eVYRIX_LINK_UP;
+    if (state == shown) return true;
+    shown = state;
+    const char* name = state <= eVYRIX_LINK_RECONNECTING ? kNames[state] : "?";
+    const bool down = state == eVYRIX_LINK_DOWN;
+    if (json) {
+        nlohmann::ordered_json line{{"state", name}};
+        if (down) line["reason"] = ResultName(reason);
+        printf("%s\n", line.dump().c_str());
+    } else {
+        const std::string why = down ? " (" + ResultName(reason) + ")" : "";
+        printf("link %s%s\n", name, why.c_str());
+    }
+    fflush(stdout);
+    return !down || reconnect;
+}
+
+int Monitor(Session& session, int count, double seconds, bool reconnect, bool json) {
     KtRegisterCallback(OnDeviceMessage);
+    Vyrix_SetLinkStateCallback(session.Handle(), OnLinkState, nullptr);
+    // A device gone before the callback was there: its state tells.
+    Vyrix_LinkStateE now = eVYRIX_LINK_UP;
+    if (Vyrix_GetLinkState(session.Handle(), &now) == eVYRIX_RETURN_SUCCESS && now == eVYRIX_LINK_DOWN) {
+        std::lock_guard<std::mutex> lock(g_eventMutex);
+        g_states.insert(g_states.begin(), {now, VYRIX_RESULT(eVYRIX_NOT_CONNECTED)});
+    }
+    if (reconnect) Vyrix_SetReconnect(session.Handle(), 1, 0);
     std::thread notifier;
     if (auto* sim = session.Simulator()) {
         // The built-in device has something to say now and then.
@@ -269,19 +311,28 @@ int Monitor(Session& session, int count, double seconds, bool json) {
     // Capped so the deadline stays within the clock's range (about 115 days).
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::milliseconds>(
                                                             std::chrono::duration<double>(std::min(seconds, 1e7)));
-    int shown = 0;
+    int shown = 0, status = 0;
     std::vector<uint8_t> buf(KT_XLNK_MAX_PAYLOAD);
     while (count <= 0 || shown < count) {
+        decltype(g_states) states;
         {
-            // Woken by a message or a signal only; --seconds is the deadline.
+            // Woken by a message, a state change or a signal only; --seconds
+            // is the deadline.
             std::unique_lock<std::mutex> lock(g_eventMutex);
-            const auto ready = [] { return g_pending > 0 || g_stop; };
+            const auto ready = [] { return g_pending > 0 || !g_states.empty() || g_stop; };
             if (seconds <= 0)
                 g_event.wait(lock, ready);
             else if (!g_event.wait_until(lock, end, ready))
                 break;
             if (g_stop) break;
-            --g_pending;
+            states.swap(g_states);
+            if (states.empty()) --g_pending;
+        }
+        if (!states.empty()) {
+            for (const auto& [state, reason] : states)
+                if (!ShowState(state, reason, reconnect, json)) status = kExitFailed;
+            if (status != 0) break;
+            continue;
         }
         // This connection's own messages, whatever else the process has open.
         uint16_t length = 0;
@@ -305,7 +356,7 @@ int Monitor(Session& session, int count, double seconds, bool json) {
         g_event.notify_all();
     }
     if (notifier.joinable()) notifier.join();
-    return 0;
+    return status;
 }
 
 // One byte from text in `base`; false for anything else.
@@ -409,6 +460,9 @@ int main(int argc, char** argv) {
     std::string what;
     auto* list = app.add_subcommand("list", "List the devices of a transport (uart, usb or bt)");
     list->add_option("TRANSPORT", what, "uart, usb or bt")->required()->check(CLI::IsMember({"uart", "usb", "bt"}));
+    bool watchUsb = false;
+    list->add_flag("--watch", watchUsb,
+                   "usb: then print arrivals and removals as they happen (JSON Lines with --json)");
     auto* info = app.add_subcommand("info", "System information");
     auto* status = app.add_subcommand("status", "System status");
     auto* stats = app.add_subcommand(
@@ -451,6 +505,9 @@ int main(int argc, char** argv) {
     auto* monitor = app.add_subcommand("monitor", "Print the messages the device sends of its own accord");
     monitor->add_option("--count", monitorCount, "Stop after this many messages");
     monitor->add_option("--seconds", monitorSeconds, "Stop after this long");
+    bool monitorReconnect = false;
+    monitor->add_flag("--reconnect", monitorReconnect,
+                      "When the device goes away, wait for it to come back instead of ending with status 1");
     std::string opcode;
     std::vector<std::string> rawBytes;
     auto* raw = app.add_subcommand("raw", "Send OPCODE with parameter BYTES (hex) and print the reply");
@@ -514,6 +571,16 @@ int main(int argc, char** argv) {
     if (*upgrade)
         if (std::string why = ReadImage(file, image); !why.empty())
             return Report(command, json).Finish(VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT), why);
+    if (*list && watchUsb) {
+        if (what != "usb") return UsageError(command, "--watch is for usb", json);
+        UsbWatch watch(json);
+        g_usbWatch = &watch;
+        std::thread(WaitForSignals, signals).detach();
+        const int status = watch.Run();
+        g_usbWatch = nullptr;
+        Publish(nullptr);
+        return g_signal != 0 ? 128 + g_signal : status;
+    }
     if (*list) return ListDevices(what, json);
     if (!transport.uart.empty())
         if (std::string why = CheckSerialPath(transport.uart); !why.empty())
@@ -560,7 +627,7 @@ int main(int argc, char** argv) {
         } else if (*upgrade) {
             exitStatus = Upgrade(h, image, json);
         } else if (*monitor) {
-            exitStatus = Monitor(session, monitorCount, monitorSeconds, json);
+            exitStatus = Monitor(session, monitorCount, monitorSeconds, monitorReconnect, json);
         } else if (*raw) {
             exitStatus = Raw(rawPayload, json);
         }
