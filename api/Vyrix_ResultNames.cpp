@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "Vyrix_Api.h"
+#include "LLC_LastError.h"
 
 namespace {
 
@@ -68,3 +69,5 @@ extern "C" const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result) {
     const Entry* e = Find(result);
     return e != nullptr ? e->description : kDeviceStatusDescription;
 }
+
+extern "C" const char* Vyrix_GetLastErrorText(void) { return CLastError::Text(); }

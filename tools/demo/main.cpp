@@ -12,7 +12,11 @@
 #include <mutex>
 #include <thread>
 
+#include "ExitStatus.h"
+#include "Numbers.h"
+#include "Output.h"
 #include "ResultNames.h"
+#include "Suggest.h"
 #include "Session.h"
 #include "Upgrade.h"
 #include "Vyrix_LLC_Api_Ex.h"
@@ -65,8 +69,11 @@ constexpr char kUsage[] =
     "  --version  show the version and exit\n"
     "\n"
     "Colours and the progress bar are drawn only on a terminal, and never\n"
-    "when NO_COLOR is set.  The exit status is 0 when every step went as\n"
-    "expected, 1 otherwise, 2 on a usage error.\n";
+    "when NO_COLOR is set.\n"
+    "\n"
+    "Exit status: 0 every step went as expected; 1 a step failed; 2 a usage\n"
+    "error; 3 the built-in device could not be opened; 130 or 143 ended by\n"
+    "SIGINT or SIGTERM.\n";
 
 Vyrix_ReturnStatus OnMessage(void*) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -100,8 +107,9 @@ int main(int argc, char** argv) {
             printf("vyrix-demo %s\n", VYRIX_VERSION_STRING);
             return 0;
         }
-        fprintf(stderr, "vyrix-demo: unknown argument '%s' (see vyrix-demo --help)\n", argv[i]);
-        return 2;
+        fprintf(stderr, "vyrix-demo: unknown argument '%s'%s (see vyrix-demo --help)\n", Printable(argv[i]).c_str(),
+                DidYouMean(argv[i], {"--help", "--version"}).c_str());
+        return kExitUsage;
     }
     setenv("VYRIX_LOG", "off", 0);        // the library's lines stay off the tour
     setvbuf(stdout, nullptr, _IOLBF, 0);  // the progress bar on stderr stays in order
@@ -114,8 +122,8 @@ int main(int argc, char** argv) {
     transport.sim = true;
     Session session(transport);
     if (session.Result() != eVYRIX_RETURN_SUCCESS) {
-        fprintf(stderr, "%s: %s\n", session.Failure().c_str(), ResultName(session.Result()).c_str());
-        return 1;
+        fprintf(stderr, "vyrix-demo: %s\n", Explain(session.Result(), session.Failure()).c_str());
+        return kExitNoDevice;
     }
     void* h = session.Handle();
     vyrix::sim::DeviceSimulator& sim = *session.Simulator();
@@ -170,7 +178,16 @@ int main(int argc, char** argv) {
     std::vector<uint8_t> image(kFirmwareBytes);
     for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<uint8_t>((i * 131) ^ (i >> 7));
     ProgressBar bar(Decorated(stderr));
-    Vyrix_ReturnStatus up = SendFirmware(h, image, [&](size_t done, size_t total) { bar.Update(done, total); });
+    size_t offset = 0;
+    const auto read = [&](uint8_t* into, size_t length) {
+        memcpy(into, image.data() + offset, length);
+        offset += length;
+        return std::string();
+    };
+    const std::atomic<bool> never{false};
+    Vyrix_ReturnStatus up = SendFirmware(h, image.size(), read, never, [&](uint64_t done, uint64_t total) {
+                                bar.Update(done, total);
+                            }).result;
     bar.Finish();
     Step("Vyrix_UpgradeSoftware, 4000 bytes a chunk", up);
     auto fw = sim.Model().FirmwareState();
