@@ -29,11 +29,11 @@ constexpr BaudEntry kBaudTable[] = {
     {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400}, {115200, B115200},
 };
 
-// The group that owns the device at `path` ("dialout" for most serial
-// adapters), or "" when it cannot be told.
+// The group whose members may open the device at `path` ("dialout" for
+// most serial adapters), or "" when there is none or it cannot be told.
 std::string GroupOf(const char* path) {
     struct stat st {};
-    if (stat(path, &st) != 0) return "";
+    if (stat(path, &st) != 0 || (st.st_mode & (S_IRGRP | S_IWGRP)) != (S_IRGRP | S_IWGRP)) return "";
     struct group entry {};
     struct group* found = nullptr;
     char buffer[1024];
@@ -46,12 +46,17 @@ void ExplainOpenFailure(const char* path, int err) {
     if (err == ENOENT || err == ENXIO || err == ENODEV) {
         CLastError::SetWithErrno(err, "%s: no such device", path);
     } else if (err == EACCES || err == EPERM) {
-        std::string group = GroupOf(path);
-        if (group.empty()) group = "dialout";
-        CLastError::SetWithErrno(err,
-                                 "no permission to open %s: it belongs to the group '%s'; add the user to it "
-                                 "(sudo usermod -aG %s $USER) and log in again",
-                                 path, group.c_str(), group.c_str());
+        const std::string group = GroupOf(path);
+        if (group.empty())
+            CLastError::SetWithErrno(err,
+                                     "no permission to open %s: only its owner may; serial devices are usually "
+                                     "opened by members of the group 'dialout'",
+                                     path);
+        else
+            CLastError::SetWithErrno(err,
+                                     "no permission to open %s: it belongs to the group '%s'; add the user to it "
+                                     "(sudo usermod -aG %s $USER) and log in again",
+                                     path, group.c_str(), group.c_str());
     } else {
         CLastError::SetWithErrno(err, "cannot open %s", path);
     }

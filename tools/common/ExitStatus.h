@@ -6,9 +6,9 @@
 namespace vyrix::tools {
 
 constexpr int kExitSuccess = 0;
-constexpr int kExitFailed = 1;    // a command failed: the device or the library refused it, or no answer
-constexpr int kExitUsage = 2;     // an option or value is wrong; nothing was opened or sent
-constexpr int kExitNoDevice = 3;  // the device could not be opened: not found, busy, no permission
+constexpr int kExitFailed = 1;        // a command failed: the device or the library refused it, or no answer
+constexpr int kExitUsage = 2;         // an option or value is wrong; nothing was opened or sent
+constexpr int kExitNoDevice = 3;      // the device could not be opened: not found, busy, no permission
 constexpr int kExitSignalBase = 128;  // + the signal: 130 SIGINT, 143 SIGTERM
 
 constexpr char kExitStatusHelp[] =

@@ -51,8 +51,7 @@ std::string ParseInteger(const std::string& what, const std::string& text, long 
     const char* begin = text.data();
     const char* end = begin + text.size();
     const char* digits = begin + (text.size() > 0 && text[0] == '-' ? 1 : 0);
-    if (digits == end || *digits < '0' || *digits > '9')
-        return what + " is not a whole decimal number: " + Shown(text);
+    if (digits == end || *digits < '0' || *digits > '9') return what + " is not a whole decimal number: " + Shown(text);
     if (*digits == '0' && digits + 1 != end)
         return what + " has a leading zero (decimal only, no octal or hexadecimal): " + Shown(text);
     long long value = 0;
@@ -64,8 +63,7 @@ std::string ParseInteger(const std::string& what, const std::string& text, long 
     return "";
 }
 
-std::string ParseHex(const std::string& what, const std::string& text, unsigned digits, uint64_t max,
-                     uint64_t& out) {
+std::string ParseHex(const std::string& what, const std::string& text, unsigned digits, uint64_t max, uint64_t& out) {
     const char* begin = text.data();
     const char* end = begin + text.size();
     uint64_t value = 0;

@@ -15,8 +15,7 @@ namespace vyrix::tools {
 std::string ParseInteger(const std::string& what, const std::string& text, long long min, long long max,
                          long long& out);
 // A hexadecimal number of at most `digits` digits, without a prefix.
-std::string ParseHex(const std::string& what, const std::string& text, unsigned digits, uint64_t max,
-                     uint64_t& out);
+std::string ParseHex(const std::string& what, const std::string& text, unsigned digits, uint64_t max, uint64_t& out);
 // A finite decimal real ("2.5", "1", "1.", "2e0"); no NaN, no infinity.
 std::string ParseReal(const std::string& what, const std::string& text, double min, double max, double& out);
 

@@ -142,7 +142,8 @@ int Report::Fail(uint32_t result, const std::string& failure, int status) {
     if (result == 0) result = VYRIX_RESULT(eVYRIX_FAILURE);
     const std::string line = Explain(result, failure);
     if (json_) {
-        if (PrintJson(result, line.substr(0, line.rfind(" (")))) fprintf(stderr, "%s: %s\n", command_.c_str(), line.c_str());
+        if (PrintJson(result, line.substr(0, line.rfind(" ("))))
+            fprintf(stderr, "%s: %s\n", command_.c_str(), line.c_str());
     } else {
         PrintOnce(stderr, command_ + ": " + line + "\n");
     }
@@ -158,8 +159,8 @@ int Report::NoDevice(uint32_t result, const std::string& failure) { return Fail(
 int Report::Finish(uint32_t result, const std::string& failure) {
     if (const int signal = InterruptedBy()) {
         const std::string why = "interrupted by " + SignalName(signal);
-        return Fail(result != 0 ? result : VYRIX_RESULT(eVYRIX_INCOMPLETE),
-                    failure.empty() ? why : why + " " + failure, kExitSignalBase + signal);
+        return Fail(result != 0 ? result : VYRIX_RESULT(eVYRIX_INCOMPLETE), failure.empty() ? why : why + " " + failure,
+                    kExitSignalBase + signal);
     }
     if (result != 0 || !failure.empty()) return Fail(result, failure, kExitFailed);
     if (json_) {

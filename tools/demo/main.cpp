@@ -16,8 +16,8 @@
 #include "Numbers.h"
 #include "Output.h"
 #include "ResultNames.h"
-#include "Suggest.h"
 #include "Session.h"
+#include "Suggest.h"
 #include "Upgrade.h"
 #include "Vyrix_LLC_Api_Ex.h"
 #include "vyrix_version.h"
@@ -69,11 +69,9 @@ constexpr char kUsage[] =
     "  --version  show the version and exit\n"
     "\n"
     "Colours and the progress bar are drawn only on a terminal, and never\n"
-    "when NO_COLOR is set.\n"
-    "\n"
-    "Exit status: 0 every step went as expected; 1 a step failed; 2 a usage\n"
-    "error; 3 the built-in device could not be opened; 130 or 143 ended by\n"
-    "SIGINT or SIGTERM.\n";
+    "when NO_COLOR is set.  A step that does not go as expected counts as a\n"
+    "failed command.\n"
+    "\n";
 
 Vyrix_ReturnStatus OnMessage(void*) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -100,8 +98,8 @@ void ShowBrightness(void* h) {
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0) {
-            fputs(kUsage, stdout);
-            return 0;
+            printf("%s%s\n", kUsage, kExitStatusHelp);
+            return kExitSuccess;
         }
         if (strcmp(argv[i], "--version") == 0) {
             printf("vyrix-demo %s\n", VYRIX_VERSION_STRING);
