@@ -141,6 +141,8 @@ Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char
     }
     char lockName[KT_LOCK_NAME_SIZE];
     if (strnlen(portName, kPortNameSize) >= kPortNameSize || !LockNameFor(portName, lockName)) {
+        CLastError::Set("the device path is too long: at most %zu characters, and its lock file name at most %zu",
+                        kPortNameSize - 1, KT_LOCK_NAME_SIZE - 1);
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }

@@ -347,6 +347,8 @@ TEST_F(Tools, SimulatorRefusesEveryHostileOption) {
 TEST_F(Tools, OpenFailuresNameTheirCause) {
     StartSim();
     std::ofstream(Path("plain")) << "x";
+    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+    mkdir(Path("dir").c_str(), 0700);
     // A lock file that names a live process, as its holder would leave it.
     const std::string runtime = getenv("VYRIX_RUNTIME_DIR");
     std::string lockName = "vyrix_llc_com_" + link + ".lock";
@@ -357,6 +359,10 @@ TEST_F(Tools, OpenFailuresNameTheirCause) {
     } cases[] = {
         {"--uart " + Path("none") + " status", "none: no such device (No such file or directory)"},
         {"--uart " + Path("plain") + " status", "plain is not a serial device (Inappropriate ioctl for device)"},
+        {"--uart /dev/zero status", "/dev/zero is not a serial device"},
+        {"--uart " + Path("fifo") + " status", "fifo is not a serial device"},
+        {"--uart " + Path("dir") + " status", "cannot open " + Path("dir") + " (Is a directory)"},
+        {"--uart " + Path(std::string(120, 'x')) + " status", "the device path is too long"},
         {"--uart LINK info", "is in use by process " + std::to_string(simPid)},
     };
     {
