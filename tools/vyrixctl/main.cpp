@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -60,11 +61,12 @@ int g_pending = 0;
 // command in flight; the program leaves with 128 + the signal.
 std::mutex g_sessionMutex;
 std::condition_variable g_done;
-Session* g_session = nullptr;                          // guarded by g_sessionMutex
-bool g_finished = false;                               // guarded by g_sessionMutex
-std::chrono::milliseconds g_stopGrace{0};              // guarded by g_sessionMutex
-std::string g_command = "vyrixctl";                    // guarded by g_sessionMutex
-bool g_json = false;                                   // guarded by g_sessionMutex
+Session* g_session = nullptr;              // guarded by g_sessionMutex
+bool g_finished = false;                   // guarded by g_sessionMutex
+std::chrono::milliseconds g_stopGrace{0};  // guarded by g_sessionMutex
+// What is printed when the command in flight does not end in time: the
+// run's report as it stood before the command started.
+std::unique_ptr<Report> g_lastWords;  // guarded by g_sessionMutex
 
 void WaitForSignals(sigset_t signals) {
     int sig = 0;
@@ -80,7 +82,7 @@ void WaitForSignals(sigset_t signals) {
     if (g_session != nullptr) g_session->Close();
     if (!g_done.wait_for(lock, kInterruptGrace, [] { return g_finished; })) {
         // The connection (and its lock) is closed; nothing else to keep.
-        Report(g_command, g_json).Finish(VYRIX_RESULT(eVYRIX_INCOMPLETE));
+        if (g_lastWords) g_lastWords->Finish(VYRIX_RESULT(eVYRIX_INCOMPLETE));
         _exit(kExitSignalBase + sig);
     }
 }
@@ -214,9 +216,14 @@ int ListDevices(const std::string& what, bool json) {
     return report.Finish(r);
 }
 
-int Info(void* h, bool json) {
-    Report report("info", json);
-    for (const char* key : {"device", "firmware", "serial", "hardware", "uptime_s"}) report.Declare(key);
+constexpr const char* kInfoKeys[] = {"device", "firmware", "serial", "hardware", "uptime_s"};
+constexpr const char* kStatusKeys[] = {"state", "state_name", "errors", "temperature_c", "laser_hours", "commands"};
+constexpr const char* kStatsKeys[] = {"packetsSent", "packetsReceived",  "bytesSent",       "bytesReceived",
+                                      "resends",     "packetsDiscarded", "messagesDropped", "linkDowns"};
+constexpr const char* kUpgradeKeys[] = {"bytes", "bytes_sent", "crc32", "bytes_per_second"};
+constexpr const char* kRawKeys[] = {"reply", "type", "status"};
+
+int Info(void* h, Report& report) {
     Vyrix_SystemInfoS info{};
     Vyrix_ReturnStatus r = Vyrix_GetSystemInfo(h, &info);
     if (r == 0) {
@@ -233,10 +240,7 @@ int Info(void* h, bool json) {
     return report.Finish(r);
 }
 
-int Status(void* h, bool json) {
-    Report report("status", json);
-    for (const char* key : {"state", "state_name", "errors", "temperature_c", "laser_hours", "commands"})
-        report.Declare(key);
+int Status(void* h, Report& report) {
     Vyrix_SystemStatusS s{};
     Vyrix_ReturnStatus r = Vyrix_GetSystemStatus(h, &s);
     if (r == 0) {
@@ -255,8 +259,7 @@ int Status(void* h, bool json) {
 // A connection the tool has just opened has counted nothing, so one command
 // that changes nothing (the status read) goes first and the counters show
 // a real exchange with the device.
-int Stats(void* h, bool json) {
-    Report report("stats", json);
+int Stats(void* h, Report& report) {
     Vyrix_SystemStatusS status{};
     Vyrix_ReturnStatus r = Vyrix_GetSystemStatus(h, &status);
     Vyrix_LinkStatisticsS s{};
@@ -271,18 +274,12 @@ int Stats(void* h, bool json) {
         {"messagesDropped", s.messagesDropped},
         {"linkDowns", s.linkDowns},
     };
-    for (const auto& [name, value] : counters) {
-        if (r == 0)
-            report.AddCount(name, value);
-        else
-            report.Declare(name);
-    }
+    if (r == 0)
+        for (const auto& [name, value] : counters) report.AddCount(name, value);
     return report.Finish(r);
 }
 
-int Events(void* h, unsigned count, bool json) {
-    Report report("events", json);
-    report.Input("count", count);
+int Events(void* h, unsigned count, Report& report) {
     std::vector<Vyrix_EventLogEntryS> entries(count);
     Vyrix_ReturnStatus r = Vyrix_GetEventLog(h, static_cast<uint16_t>(count), entries.data());
     std::vector<Row> rows;
@@ -301,14 +298,12 @@ int Events(void* h, unsigned count, bool json) {
     return report.Finish(r);
 }
 
-int Upgrade(void* h, ImageFile& image, const std::string& file, bool json) {
-    Report report("upgrade", json);
-    report.Input("file", file);
+int Upgrade(void* h, ImageFile& image, Report& report, bool json) {
     report.Add("bytes", static_cast<long long>(image.Size()));
     ProgressBar bar(!json && Decorated(stderr));
-    const UpgradeOutcome out =
-        SendFirmware(h, image.Size(), [&](uint8_t* into, size_t n) { return image.Read(into, n); }, g_stop,
-                     [&](uint64_t done, uint64_t total) { bar.Update(done, total); });
+    const UpgradeOutcome out = SendFirmware(
+        h, image.Size(), [&](uint8_t* into, size_t n) { return image.Read(into, n); }, g_stop,
+        [&](uint64_t done, uint64_t total) { bar.Update(done, total); });
     bar.Finish();
     report.Add("bytes_sent", static_cast<long long>(out.sent));
     char crc[16];
@@ -351,10 +346,7 @@ private:
     bool json_;
 };
 
-int Monitor(Session& session, long long count, double seconds, bool json) {
-    Report report("monitor", json);
-    report.Input("count", count > 0 ? Json(count) : Json(nullptr));
-    report.Input("seconds", seconds > 0 ? Json(seconds) : Json(nullptr));
+int Monitor(Session& session, long long count, double seconds, Report& report, bool json) {
     MonitorPrinter printer(json);
     KtRegisterCallback(OnDeviceMessage);
     std::thread notifier;
@@ -420,11 +412,7 @@ std::string RawPayload(const std::string& opcodeText, const std::vector<std::str
     return "";
 }
 
-int Raw(const std::vector<uint8_t>& payload, bool json) {
-    Report report("raw", json);
-    report.Input("opcode", payload[3]);
-    report.Input("bytes", Hex(payload.data() + 4, payload.size() - 4));
-    for (const char* key : {"reply", "type", "status"}) report.Declare(key);
+int Raw(const std::vector<uint8_t>& payload, Report& report) {
     std::vector<uint8_t> out = payload;
     KtXlnkMsgS msg{2, 0, 0, 1, static_cast<WORD>(out.size()), out.data()};
     Vyrix_ReturnStatus r = KtSendMsg(msg);
@@ -518,20 +506,22 @@ int main(int argc, char** argv) {
     app.set_help_all_flag("--help-all", "Show every command's help");
     app.set_version_flag("--version", "vyrixctl " VYRIX_VERSION_STRING);
     app.fallthrough();  // global options also after the subcommand
-    app.footer(std::string(
-                   "Global options may stand before or after the subcommand. Numbers are decimal (BYTES of raw: "
-                   "hexadecimal); every value is checked against the ranges 'vyrixctl settings' shows before "
-                   "anything is opened or sent.\n\n") +
-               kExitStatusHelp +
-               "\n\nEnvironment: VYRIX_LOG=file|stderr|off sets where the library logs (vyrixctl turns it off "
-               "unless --verbose or VYRIX_LOG is given); NO_COLOR turns the progress bar off.");
+    app.footer(
+        std::string("Global options may stand before or after the subcommand. Numbers are decimal (BYTES of raw: "
+                    "hexadecimal); every value is checked against the ranges 'vyrixctl settings' shows before "
+                    "anything is opened or sent.\n\n") +
+        kExitStatusHelp +
+        "\n\nEnvironment: VYRIX_LOG=file|stderr|off sets where the library logs (vyrixctl turns it off "
+        "unless --verbose or VYRIX_LOG is given); NO_COLOR turns the progress bar off.");
     GlobalOptions global;
     AddGlobalOptions(app, global);
     app.require_subcommand(1);
 
     CommandArgs a;
     auto* list = app.add_subcommand("list", "List the devices of a transport (uart, usb or bt)");
-    list->add_option("TRANSPORT", a.listWhat, "uart, usb or bt")->required()->check(CLI::IsMember({"uart", "usb", "bt"}));
+    list->add_option("TRANSPORT", a.listWhat, "uart, usb or bt")
+        ->required()
+        ->check(CLI::IsMember({"uart", "usb", "bt"}));
     auto* info = app.add_subcommand("info", "System information");
     auto* status = app.add_subcommand("status", "System status, with the state's name");
     auto* stats = app.add_subcommand(
@@ -556,8 +546,9 @@ int main(int argc, char** argv) {
     set->add_option("VALUE", a.value)->required();
     addScope(set);
     auto* settings = app.add_subcommand("settings", "List the settings with their ranges");
-    auto* patternCmd = app.add_subcommand("pattern", "Draw test pattern N (0..4) with parameters P1 and P2 "
-                                                     "(0..4294967295, default 0)");
+    auto* patternCmd = app.add_subcommand("pattern",
+                                          "Draw test pattern N (0..4) with parameters P1 and P2 "
+                                          "(0..4294967295, default 0)");
     patternCmd->add_option("N", a.pattern)->required();
     patternCmd->add_option("P1", a.p1);
     patternCmd->add_option("P2", a.p2);
@@ -566,15 +557,17 @@ int main(int argc, char** argv) {
     auto* commit = app.add_subcommand("commit", "Save every current setting");
     auto* factory = app.add_subcommand("factory-reset", "Restore the factory settings");
     auto* upgrade = app.add_subcommand(
-        "upgrade", "Upgrade the firmware from FILE (a regular file of 1 to 4294967295 bytes); Ctrl-C stops after "
-                   "the chunk in flight and reports the bytes sent");
+        "upgrade",
+        "Upgrade the firmware from FILE (a regular file of 1 to 4294967295 bytes); Ctrl-C stops after "
+        "the chunk in flight and reports the bytes sent");
     upgrade->add_option("FILE", a.file)->required();
     auto* monitor = app.add_subcommand(
         "monitor", "Print the messages the device sends of its own accord (with --json: one object per line)");
     monitor->add_option("--count", a.monitorCount, "Stop after this many messages, 1..1000000000");
     monitor->add_option("--seconds", a.monitorSeconds, "Stop after this long, 0.001..10000000");
-    auto* raw = app.add_subcommand("raw", "Send OPCODE (0..255) with parameter BYTES (hexadecimal 00..FF) and "
-                                          "print the reply");
+    auto* raw = app.add_subcommand("raw",
+                                   "Send OPCODE (0..255) with parameter BYTES (hexadecimal 00..FF) and "
+                                   "print the reply");
     raw->add_option("OPCODE", a.opcode)->required();
     raw->add_option("BYTES", a.rawBytes);
 
@@ -594,11 +587,6 @@ int main(int argc, char** argv) {
     CLI::App* chosen = app.get_subcommands().front();
     std::string command = chosen->get_name();
     if (*get || *set) command += " " + Printable(a.name);
-    {
-        std::lock_guard<std::mutex> lock(g_sessionMutex);
-        g_command = command;
-        g_json = json;
-    }
 
     // Everything that can be checked without the device, before anything
     // is opened.  A refusal echoes what was typed.
@@ -645,8 +633,9 @@ int main(int argc, char** argv) {
     long long pattern = 0, p1 = 0, p2 = 0, count = 0, monitorCount = 0;
     double monitorSeconds = 0;
     if (*patternCmd) {
-        for (const std::string& why : {ParseInteger("pattern", a.pattern, 0, 4, pattern),
-                                       ParseInteger("P1", a.p1, 0, kMaxU32, p1), ParseInteger("P2", a.p2, 0, kMaxU32, p2)})
+        for (const std::string& why :
+             {ParseInteger("pattern", a.pattern, 0, 4, pattern), ParseInteger("P1", a.p1, 0, kMaxU32, p1),
+              ParseInteger("P2", a.p2, 0, kMaxU32, p2)})
             if (!why.empty()) return UsageError(command, why, json);
     }
     if (*events)
@@ -675,75 +664,110 @@ int main(int argc, char** argv) {
             return report.Refuse(why);
         }
 
+    // The report of the run, with every input echoed and every output
+    // declared, so that success and failure objects have the same keys.
+    Report report(command, json);
+    const auto declare = [&](const auto& keys) {
+        for (const char* key : keys) report.Declare(key);
+    };
+    if (*info) declare(kInfoKeys);
+    if (*status) declare(kStatusKeys);
+    if (*stats) declare(kStatsKeys);
+    if (*get || *set) {
+        report.Input("name", setting->name, true);
+        report.Input("storage", ctx.storage);
+        report.Input("storage_name", StorageName(ctx.storage));
+        if (setting->scope & kScopeChannel) report.Input("channel", ctx.channel);
+        if (setting->scope & kScopeSelectors) {
+            report.Input("sel1", ctx.selector1);
+            report.Input("sel2", ctx.selector2);
+        }
+        if (setting->scope & kScopeIndex) report.Input("index", ctx.index);
+        if (*get) report.Declare("value");
+        if (*set) {
+            const bool one = values.numbers.size() == 1;
+            report.Input("value",
+                         !one                      ? Json(a.value)
+                         : setting->fields[0].real ? Json(values.numbers[0])
+                                                   : Json(values.Whole(0)),
+                         true);
+        }
+    }
+    if (*patternCmd) {
+        report.Input("pattern", pattern, true);
+        report.Input("p1", p1);
+        report.Input("p2", p2);
+    }
+    if (*events) {
+        report.Input("count", count);
+        report.AddRows("events", {});
+    }
+    if (*upgrade) {
+        report.Input("file", a.file);
+        declare(kUpgradeKeys);
+    }
+    if (*monitor) {
+        report.Input("count", monitorCount > 0 ? Json(monitorCount) : Json(nullptr));
+        report.Input("seconds", monitorSeconds > 0 ? Json(monitorSeconds) : Json(nullptr));
+        report.Declare("messages");
+    }
+    if (*raw) {
+        report.Input("opcode", rawPayload[3]);
+        report.Input("bytes", Hex(rawPayload.data() + 4, rawPayload.size() - 4));
+        declare(kRawKeys);
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(g_sessionMutex);
+        g_lastWords = std::make_unique<Report>(report);
+    }
     std::thread(WaitForSignals, signals).detach();
     Session session(global.transport, static_cast<unsigned>(timeoutS * 1000));
     Publish(&session);
     int exitStatus = kExitFailed;
     if (session.Result() != eVYRIX_RETURN_SUCCESS) {
-        exitStatus = Report(command, json).NoDevice(session.Result(), session.Failure());
+        exitStatus = report.NoDevice(session.Result(), session.Failure());
     } else if (InterruptedBy() == 0) {
         ctx.handle = session.Handle();
         void* h = session.Handle();
         if (*info) {
-            exitStatus = Info(h, json);
+            exitStatus = Info(h, report);
         } else if (*status) {
-            exitStatus = Status(h, json);
+            exitStatus = Status(h, report);
         } else if (*stats) {
-            exitStatus = Stats(h, json);
-        } else if (*get || *set) {
-            Report report(command, json);
-            report.Input("name", setting->name, true);
-            report.Input("storage", ctx.storage);
-            report.Input("storage_name", StorageName(ctx.storage));
-            if (setting->scope & kScopeChannel) report.Input("channel", ctx.channel);
-            if (setting->scope & kScopeSelectors) {
-                report.Input("sel1", ctx.selector1);
-                report.Input("sel2", ctx.selector2);
-            }
-            if (setting->scope & kScopeIndex) report.Input("index", ctx.index);
-            if (*get) {
-                report.Declare("value");
-                std::string text;
-                Vyrix_ReturnStatus r = setting->get(ctx, text);
-                if (r == 0) report.Add("value", text);
-                exitStatus = report.Finish(r);
-            } else {
-                const bool one = values.numbers.size() == 1;
-                report.Input("value",
-                             !one ? Json(a.value)
-                                  : setting->fields[0].real ? Json(values.numbers[0]) : Json(values.Whole(0)),
-                             true);
-                exitStatus = report.Finish(setting->set(ctx, values));
-            }
+            exitStatus = Stats(h, report);
+        } else if (*get) {
+            std::string text;
+            Vyrix_ReturnStatus r = setting->get(ctx, text);
+            if (r == 0) report.Add("value", text);
+            exitStatus = report.Finish(r);
+        } else if (*set) {
+            exitStatus = report.Finish(setting->set(ctx, values));
         } else if (*patternCmd) {
-            Report report(command, json);
-            report.Input("pattern", pattern, true);
-            report.Input("p1", p1);
-            report.Input("p2", p2);
             exitStatus = report.Finish(Vyrix_DrawTestPattern(h, static_cast<int32_t>(pattern),
                                                              static_cast<uint32_t>(p1), static_cast<uint32_t>(p2)));
         } else if (*events) {
-            exitStatus = Events(h, static_cast<unsigned>(count), json);
+            exitStatus = Events(h, static_cast<unsigned>(count), report);
         } else if (*commit) {
-            exitStatus = Report(command, json).Finish(Vyrix_CommitAll(h));
+            exitStatus = report.Finish(Vyrix_CommitAll(h));
         } else if (*factory) {
-            exitStatus = Report(command, json).Finish(Vyrix_RestoreFactorySettings(h));
+            exitStatus = report.Finish(Vyrix_RestoreFactorySettings(h));
         } else if (*upgrade) {
             {
                 std::lock_guard<std::mutex> lock(g_sessionMutex);
                 g_stopGrace = kUpgradeStopGrace;
             }
-            exitStatus = Upgrade(h, image, a.file, json);
+            exitStatus = Upgrade(h, image, report, json);
         } else if (*monitor) {
-            exitStatus = Monitor(session, monitorCount, monitorSeconds, json);
+            exitStatus = Monitor(session, monitorCount, monitorSeconds, report, json);
         } else if (*raw) {
-            exitStatus = Raw(rawPayload, json);
+            exitStatus = Raw(rawPayload, report);
         }
     }
     session.Close();
     Publish(nullptr);
     if (const int sig = InterruptedBy()) {
-        Report(command, json).Finish(VYRIX_RESULT(eVYRIX_INCOMPLETE));  // when nothing reported it yet
+        report.Finish(VYRIX_RESULT(eVYRIX_INCOMPLETE));  // when nothing reported it yet
         return kExitSignalBase + sig;
     }
     return exitStatus;
