@@ -1,8 +1,8 @@
 // Names and one-sentence descriptions of result words.
 #include <cstdio>
 
-#include "Vyrix_Api.h"
 #include "LLC_LastError.h"
+#include "Vyrix_Api.h"
 
 namespace {
 

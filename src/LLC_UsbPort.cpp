@@ -170,9 +170,10 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     libusb_device* taken = m_preferredSerial.empty() ? nullptr : TakeFirstFree(list, count, true);
     if (taken == nullptr) taken = TakeFirstFree(list, count, false);
     if (taken == nullptr) {
-        CLastError::Set("no free USB device with product id %u is attached (all absent or in use by other "
-                        "connections or processes)",
-                        static_cast<unsigned>(KT_USB_PRODUCT_ID));
+        CLastError::Set(
+            "no free USB device with product id %u is attached (all absent or in use by other "
+            "connections or processes)",
+            static_cast<unsigned>(KT_USB_PRODUCT_ID));
         LlcLog("<INFO> %s: No Devices Found.\n", "OpenPort");
         return FailOpen(list, RC(eVYRIX_NOT_CONNECTED));
     }
@@ -181,9 +182,10 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     if (err != 0) {
         m_vyrixHandle = nullptr;
         if (err == LIBUSB_ERROR_ACCESS)
-            CLastError::Set("no permission to open the USB device on bus %d, address %d: install the udev rule "
-                            "60-vyrix.rules and add the user to the group 'plugdev' (%s)",
-                            m_bus_num, m_dev_addr, libusb_strerror(static_cast<libusb_error>(err)));
+            CLastError::Set(
+                "no permission to open the USB device on bus %d, address %d: install the udev rule "
+                "60-vyrix.rules and add the user to the group 'plugdev' (%s)",
+                m_bus_num, m_dev_addr, libusb_strerror(static_cast<libusb_error>(err)));
         else
             CLastError::Set("cannot open the USB device on bus %d, address %d (%s)", m_bus_num, m_dev_addr,
                             libusb_strerror(static_cast<libusb_error>(err)));

@@ -62,12 +62,11 @@ std::string Check(const Typed& t, unsigned& baud, double& notifyEvery, size_t& g
         if (std::string why = ParseReal("--notify-every", t.notifyEvery, 0.001, kMaxNotifySeconds, notifyEvery);
             !why.empty())
             return why;
-    for (const std::string& why :
-         {Whole("--resend-every", t.resendEvery, 1, kMaxEvery, f.resendEvery),
-          Whole("--error-every", t.errorEvery, 1, kMaxEvery, f.errorEvery),
-          Whole("--silent-every", t.silentEvery, 1, kMaxEvery, f.silentEvery),
-          Whole("--split-pause", t.splitPause, 0, kMaxSplitPauseMs, f.splitPauseMs),
-          Whole("--hangup-after", t.hangUpAfter, 1, kMaxEvery, f.hangUpAfter)})
+    for (const std::string& why : {Whole("--resend-every", t.resendEvery, 1, kMaxEvery, f.resendEvery),
+                                   Whole("--error-every", t.errorEvery, 1, kMaxEvery, f.errorEvery),
+                                   Whole("--silent-every", t.silentEvery, 1, kMaxEvery, f.silentEvery),
+                                   Whole("--split-pause", t.splitPause, 0, kMaxSplitPauseMs, f.splitPauseMs),
+                                   Whole("--hangup-after", t.hangUpAfter, 1, kMaxEvery, f.hangUpAfter)})
         if (!why.empty()) return why;
     value = 0;
     if (std::string why = Whole("--split", t.split, 1, kMaxSplit, value); !why.empty()) return why;

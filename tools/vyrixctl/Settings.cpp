@@ -23,20 +23,19 @@ S Storage(const SettingContext& c) { return static_cast<S>(c.storage); }
 // A setting that is one 32-bit unsigned value from 0 to `max`.
 template <typename GetFn, typename SetFn>
 Setting U32Setting(const char* name, const char* help, uint32_t max, unsigned scope, GetFn getFn, SetFn setFn) {
-    return Setting{name,
-                   help,
-                   {{"value", 0, static_cast<double>(max)}},
-                   0,
-                   scope,
-                   [getFn](const SettingContext& c, std::string& out) {
-                       uint32_t v = 0;
-                       Vyrix_ReturnStatus r = getFn(c, &v);
-                       out = std::to_string(v);
-                       return r;
-                   },
-                   [setFn](const SettingContext& c, const Values& in) {
-                       return setFn(c, static_cast<uint32_t>(in.Whole(0)));
-                   }};
+    return Setting{
+        name,
+        help,
+        {{"value", 0, static_cast<double>(max)}},
+        0,
+        scope,
+        [getFn](const SettingContext& c, std::string& out) {
+            uint32_t v = 0;
+            Vyrix_ReturnStatus r = getFn(c, &v);
+            out = std::to_string(v);
+            return r;
+        },
+        [setFn](const SettingContext& c, const Values& in) { return setFn(c, static_cast<uint32_t>(in.Whole(0))); }};
 }
 
 std::vector<std::string> Split(const std::string& text) {
@@ -54,7 +53,11 @@ const char* StorageName(uint32_t storage) { return storage < 3 ? kStorageNames[s
 
 const std::vector<Setting>& Settings() {
     static const std::vector<Setting> settings = {
-        {"brightness", "0..100", {{"value", 0, 100}}, 0, 0,
+        {"brightness",
+         "0..100",
+         {{"value", 0, 100}},
+         0,
+         0,
          [](const SettingContext& c, std::string& out) {
              uint8_t v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetBrightness(c.handle, &v, Storage(c));
@@ -64,7 +67,11 @@ const std::vector<Setting>& Settings() {
          [](const SettingContext& c, const Values& in) {
              return Vyrix_SetBrightness(c.handle, static_cast<uint8_t>(in.Whole(0)), Storage(c));
          }},
-        {"color-mode", "0..4", {{"value", 0, 4}}, 0, 0,
+        {"color-mode",
+         "0..4",
+         {{"value", 0, 4}},
+         0,
+         0,
          [](const SettingContext& c, std::string& out) {
              int32_t v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetColorMode(c.handle, &v, Storage(c));
@@ -74,7 +81,11 @@ const std::vector<Setting>& Settings() {
          [](const SettingContext& c, const Values& in) {
              return Vyrix_SetColorMode(c.handle, static_cast<int32_t>(in.Whole(0)), Storage(c));
          }},
-        {"gamma", "1.0..3.0, per --channel 0..2", {{"value", 1.0, 3.0, true}}, 0, kScopeChannel,
+        {"gamma",
+         "1.0..3.0, per --channel 0..2",
+         {{"value", 1.0, 3.0, true}},
+         0,
+         kScopeChannel,
          [](const SettingContext& c, std::string& out) {
              float v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetGamma(c.handle, c.channel, &v, Storage(c));
@@ -112,7 +123,11 @@ const std::vector<Setting>& Settings() {
             "sensing", "0..1", 1, 0,
             [](const SettingContext& c, uint32_t* v) { return Vyrix_GetSensingState(c.handle, v, Storage(c)); },
             [](const SettingContext& c, uint32_t v) { return Vyrix_SetSensingState(c.handle, v, Storage(c)); }),
-        {"biphase", "-100..100", {{"value", -100, 100}}, 0, 0,
+        {"biphase",
+         "-100..100",
+         {{"value", -100, 100}},
+         0,
+         0,
          [](const SettingContext& c, std::string& out) {
              int16_t v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetBiPhase(c.handle, &v, Storage(c));
@@ -122,7 +137,11 @@ const std::vector<Setting>& Settings() {
          [](const SettingContext& c, const Values& in) {
              return Vyrix_SetBiPhase(c.handle, static_cast<int16_t>(in.Whole(0)), Storage(c));
          }},
-        {"color-alignment", "-32..32, per --sel1 0..1 and --sel2 0..4", {{"value", -32, 32}}, 0, kScopeSelectors,
+        {"color-alignment",
+         "-32..32, per --sel1 0..1 and --sel2 0..4",
+         {{"value", -32, 32}},
+         0,
+         kScopeSelectors,
          [](const SettingContext& c, std::string& out) {
              int16_t v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetColorAlignment(c.handle, c.selector1, c.selector2, &v, Storage(c));
@@ -133,7 +152,11 @@ const std::vector<Setting>& Settings() {
              return Vyrix_SetColorAlignment(c.handle, c.selector1, c.selector2, static_cast<int16_t>(in.Whole(0)),
                                             Storage(c));
          }},
-        {"color-converter", "-65536..65535, per --index 0..8", {{"value", -65536, 65535}}, 0, kScopeIndex,
+        {"color-converter",
+         "-65536..65535, per --index 0..8",
+         {{"value", -65536, 65535}},
+         0,
+         kScopeIndex,
          [](const SettingContext& c, std::string& out) {
              int32_t v = 0;
              Vyrix_ReturnStatus r = Vyrix_GetColorConverter(c.handle, c.index, &v, Storage(c));
@@ -143,8 +166,11 @@ const std::vector<Setting>& Settings() {
          [](const SettingContext& c, const Values& in) {
              return Vyrix_SetColorConverter(c.handle, c.index, static_cast<int32_t>(in.Whole(0)), Storage(c));
          }},
-        {"frame-rate", "MODE[,PARAM1,PARAM2]: mode 0..2, params 0..4294967295",
-         {{"mode", 0, 2}, {"param1", 0, kMaxU32}, {"param2", 0, kMaxU32}}, 1, 0,
+        {"frame-rate",
+         "MODE[,PARAM1,PARAM2]: mode 0..2, params 0..4294967295",
+         {{"mode", 0, 2}, {"param1", 0, kMaxU32}, {"param2", 0, kMaxU32}},
+         1,
+         0,
          [](const SettingContext& c, std::string& out) {
              Vyrix_FrameRateS v{};
              Vyrix_ReturnStatus r = Vyrix_GetFrameRateMode(c.handle, &v, Storage(c));
@@ -160,7 +186,11 @@ const std::vector<Setting>& Settings() {
              }
              return Vyrix_SetFrameRateMode(c.handle, v, c.storage);
          }},
-        {"input-video", "WIDTHxHEIGHT@RATE (read only)", {}, 0, 0,
+        {"input-video",
+         "WIDTHxHEIGHT@RATE (read only)",
+         {},
+         0,
+         0,
          [](const SettingContext& c, std::string& out) {
              uint16_t w = 0, h = 0;
              float rate = 0;
@@ -169,7 +199,11 @@ const std::vector<Setting>& Settings() {
              return r;
          },
          nullptr},
-        {"output-video", "WIDTHxHEIGHT@RATE (read only)", {}, 0, 0,
+        {"output-video",
+         "WIDTHxHEIGHT@RATE (read only)",
+         {},
+         0,
+         0,
          [](const SettingContext& c, std::string& out) {
              Vyrix_VideoPropertiesS p{};
              Vyrix_ReturnStatus r = Vyrix_GetOutputVideoProperties(c.handle, &p);
@@ -255,9 +289,8 @@ std::string ParseScope(const Setting& setting, const ScopeText& t, bool writing,
     if (!t.storage.empty())
         if (std::string why = Storage(t.storage, writing, c.storage); !why.empty()) return why;
     long long channel = 0, sel1 = 0, sel2 = 0, index = 0;
-    for (const std::string& why :
-         {Number("--channel", t.channel, 0, 2, channel), Number("--sel1", t.sel1, 0, 1, sel1),
-          Number("--sel2", t.sel2, 0, 4, sel2), Number("--index", t.index, 0, 8, index)})
+    for (const std::string& why : {Number("--channel", t.channel, 0, 2, channel), Number("--sel1", t.sel1, 0, 1, sel1),
+                                   Number("--sel2", t.sel2, 0, 4, sel2), Number("--index", t.index, 0, 8, index)})
         if (!why.empty()) return why;
     c.channel = static_cast<uint32_t>(channel);
     c.selector1 = static_cast<uint32_t>(sel1);

@@ -38,10 +38,10 @@ struct Values {
 
 struct Setting {
     const char* name;
-    const char* help;            // the value's form and range, as `settings` shows it
-    std::vector<Field> fields;   // empty for a read-only value
-    size_t optionalFrom = 0;     // fields from here on may be left out together (0: none may)
-    unsigned scope = 0;          // ScopeOption bits
+    const char* help;           // the value's form and range, as `settings` shows it
+    std::vector<Field> fields;  // empty for a read-only value
+    size_t optionalFrom = 0;    // fields from here on may be left out together (0: none may)
+    unsigned scope = 0;         // ScopeOption bits
     // Reads the setting into `value` (text; a number where it is one).
     std::function<Vyrix_ReturnStatus(const SettingContext&, std::string& value)> get;
     // Writes it; empty for read-only values.
