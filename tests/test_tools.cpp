@@ -277,6 +277,7 @@ TEST_F(Tools, VyrixctlRefusesEveryHostileArgument) {
         {"--uart LINK --timeout 1e999 info", "--timeout out of range"},
         {"--uart LINK info --frob", "unknown option '--frob'"},
         {"--uart LINK stats 1", "not expected: 1"},
+        {"list usbb", "list takes uart, usb or bt, not 'usbb' (did you mean 'usb'?)"},
         {"--uart LINK raw 256", "OPCODE out of range 0..255"},
         {"--uart LINK raw 39 1FF", "BYTES must be hexadecimal 00..FF: '1FF'"},
         {"--uart LINK", "subcommand"},
@@ -478,7 +479,9 @@ TEST_F(Tools, SignalsEndACommandTheDeviceNeverAnswers) {
     EXPECT_EQ(Ctl("--uart LINK info").status, 0);
     Outcome silent = Ctl("--uart LINK --timeout 0.3 status");
     EXPECT_EQ(silent.status, 1);
-    EXPECT_TRUE(vt::Contains(silent.err, "status: no answer from the device within 0.3 s (eVYRIX_INCOMPLETE)"))
+    EXPECT_TRUE(vt::Contains(
+        silent.err,
+        "status: no answer from the device within 0.3 s (--timeout SECONDS waits longer) (eVYRIX_INCOMPLETE)"))
         << silent.err;
 }
 

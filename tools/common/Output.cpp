@@ -15,6 +15,7 @@ namespace {
 // Labels and values line up: "value:             42".
 constexpr size_t kLabelWidth = 18;
 std::atomic<int> g_interrupt{0};
+std::string g_noAnswerHint;  // set once, before any thread starts
 // One final report per run, whichever thread gets there first (the main
 // thread, or the one that ends the program on a signal).
 std::mutex g_printMutex;
@@ -64,7 +65,10 @@ Json JsonValue(const std::string& text) {
 
 std::string Explain(uint32_t result, const std::string& failure) {
     std::string sentence = failure;
-    if (sentence.empty()) sentence = Vyrix_GetLastErrorText();
+    if (sentence.empty()) {
+        sentence = Vyrix_GetLastErrorText();
+        if (sentence.rfind("no answer from the device", 0) == 0) sentence += g_noAnswerHint;
+    }
     if (sentence.empty()) {
         sentence = Vyrix_GetResultDescription(static_cast<Vyrix_ReturnStatus>(result));
         if (!sentence.empty() && sentence.back() == '.') sentence.pop_back();
@@ -72,6 +76,8 @@ std::string Explain(uint32_t result, const std::string& failure) {
     }
     return sentence + " (" + ResultName(result) + ")";
 }
+
+void SetNoAnswerHint(const std::string& hint) { g_noAnswerHint = hint; }
 
 void NoteInterrupt(int signal) { g_interrupt = signal; }
 int InterruptedBy() { return g_interrupt; }

@@ -74,6 +74,10 @@ Json JsonValue(const std::string& text);
 // description.
 std::string Explain(uint32_t result, const std::string& failure);
 
+// Words added to the library's "no answer from the device within N s"
+// (vyrixctl: how to wait longer).
+void SetNoAnswerHint(const std::string& hint);
+
 // The signal that interrupted the program (0: none).  Once noted, every
 // report ends as interrupted, with exit status 128 + the signal.
 void NoteInterrupt(int signal);

@@ -468,7 +468,7 @@ std::string Diagnose(CLI::App& app, int argc, char** argv) {
         }
     }
     options.push_back("--help");
-    bool haveCommand = false;
+    bool haveCommand = false, listing = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg.rfind("--", 0) == 0) {
@@ -479,10 +479,17 @@ std::string Diagnose(CLI::App& app, int argc, char** argv) {
             if (known != takesValue.end() && known->second && arg.find('=') == std::string::npos) ++i;
             continue;
         }
-        if (haveCommand) continue;
+        if (haveCommand) {
+            if (listing && arg != "uart" && arg != "usb" && arg != "bt")
+                return "list takes uart, usb or bt, not '" + Printable(arg) + "'" +
+                       DidYouMean(arg, {"uart", "usb", "bt"});
+            listing = false;
+            continue;
+        }
         if (std::find(commands.begin(), commands.end(), arg) == commands.end())
             return "unknown command '" + Printable(arg) + "'" + DidYouMean(arg, commands);
         haveCommand = true;
+        listing = arg == "list";
     }
     return "";
 }
@@ -502,6 +509,7 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    SetNoAnswerHint(" (--timeout SECONDS waits longer)");
     CLI::App app{"vyrixctl - control a Vyrix laser scanning display engine"};
     app.set_help_all_flag("--help-all", "Show every command's help");
     app.set_version_flag("--version", "vyrixctl " VYRIX_VERSION_STRING);
