@@ -125,7 +125,9 @@ struct GlobalOptions {
 };
 
 void AddGlobalOptions(CLI::App& app, GlobalOptions& g) {
-    app.add_option("--uart", g.transport.uart, "Serial device path (57600 8N1)");
+    app.add_option(
+        "--uart", g.transport.uart,
+        "Serial device path (57600 8N1), or rfc2217://HOST:PORT or tcp://HOST:PORT of a line on another host");
     app.add_option("--usb", g.transport.usb, "USB device serial number");
     app.add_option("--bt", g.transport.bt, "Bluetooth address (00:11:22:33:44:55)");
     app.add_option("--passkey", g.transport.passkey, "Bluetooth pass key");
