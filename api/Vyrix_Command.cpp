@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "LLC_LastError.h"
 #include "LLC_Links.h"
 #include "Vyrix_Internal.h"
 
@@ -144,6 +145,19 @@ Vyrix_ReturnStatus ReplyOn(const KtHandlerRef& link, uint8_t expected, const CDe
 }
 }  // namespace
 
+namespace {
+// Puts in words why a command got no reply: the wait ran out, or the link
+// ended under it.
+void ExplainNoReply(Vyrix_ReturnStatus r, const CommandRoute& route) {
+    if (HasCode(r, eVYRIX_INCOMPLETE))
+        CLastError::Set("no answer from the device within %.3g s", static_cast<double>(route.replyTimeoutMs) / 1000.0);
+    else if (HasCode(r, eVYRIX_NOT_CONNECTED) && route.link && route.link->IsClosing())
+        CLastError::Set("the connection was closed while the command waited for the device");
+    else if (HasCode(r, eVYRIX_NOT_CONNECTED))
+        CLastError::Set("the device went away: the line hung up, or the device was unplugged or switched off");
+}
+}  // namespace
+
 unsigned long DefaultReplyTimeoutMs() { return (static_cast<unsigned long>(kReplyRetryCount) + 1) * KT_REMOVE_POLL_MS; }
 
 Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPayload, unsigned short payloadLen,
@@ -156,7 +170,10 @@ Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPa
     // A link that is down lets the send below report it, as it always has.
     if (turn.Result() != eVYRIX_RETURN_SUCCESS && !HasCode(turn.Result(), eVYRIX_NOT_CONNECTED)) return turn.Result();
     Vyrix_ReturnStatus r = SendOn(link, pPayload, payloadLen, deviceId);
-    if (r != eVYRIX_RETURN_SUCCESS) return r;
+    if (r != eVYRIX_RETURN_SUCCESS) {
+        ExplainNoReply(r, route);
+        return r;
+    }
     if (pSent != nullptr) *pSent = true;
     const uint8_t expected = static_cast<uint8_t>(pPayload[2] & kSequenceMask);
     if (pauseBeforeReplyMs > 0) {
@@ -171,10 +188,12 @@ Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPa
     if (ppReply == nullptr) {
         r = ReplyOn(link, expected, deadline, &ack, &ackLength, ePROTOCOL_CONNECTION_ORIENTED);
         delete[] ack;
-        return r;
+    } else {
+        *pReplyLen = kReplyCapacity;
+        r = ReplyOn(link, expected, deadline, ppReply, pReplyLen, ePROTOCOL_CONNECTION_ORIENTED);
     }
-    *pReplyLen = kReplyCapacity;
-    return ReplyOn(link, expected, deadline, ppReply, pReplyLen, ePROTOCOL_CONNECTION_ORIENTED);
+    ExplainNoReply(r, route);
+    return r;
 }
 
 Vyrix_ReturnStatus CommandExchange(const CommandRoute& route, unsigned char opcode, Vyrix_DataS* pParams, int numParams,

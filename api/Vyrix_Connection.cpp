@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 
+#include "LLC_LastError.h"
 #include "LLC_Links.h"
 #include "LLC_NetAddress.h"
 #include "Vyrix_Internal.h"
@@ -196,6 +197,7 @@ int GetCOMPortNumber(const char* pName, const char* pPrefix) {
 
 extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppConnHandle,
                                                    Vyrix_ConnectionInfoS connectionInfo) {
+    CLastError::Clear();
     if (g_pLibCtx == nullptr) return Result(eVYRIX_UNINITIALIZED);
     try {
         if (libHandle == nullptr || ppConnHandle == nullptr || !ValidRecord(connectionInfo))
@@ -203,7 +205,10 @@ extern "C" Vyrix_ReturnStatus Vyrix_OpenConnection(void* libHandle, void** ppCon
         const Vyrix_ConnectionInfoS info = Normalised(connectionInfo);
         unsigned int index = 0;
         const Vyrix_ReturnStatus known = GetConnectionHandleIndex(info, &index);
-        if (known != Result(eVYRIX_NOT_CONNECTED)) return known;
+        if (known != Result(eVYRIX_NOT_CONNECTED)) {
+            CLastError::Set("this device is already open in this process");
+            return known;
+        }
         Vyrix_Connection* stored = Records().Take();
         Vyrix_LibraryContext* library = nullptr;
         {

@@ -50,6 +50,7 @@ void StoreValues(const unsigned char* at, std::initializer_list<Value> values) {
 
 Vyrix_ReturnStatus Set(const void* handle, bool argumentsValid, uint8_t opcode,
                        std::initializer_list<Vyrix_DataS> params) {
+    CLastError::Clear();
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {

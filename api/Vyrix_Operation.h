@@ -8,6 +8,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "LLC_LastError.h"
 #include "Vyrix_Internal.h"
 #include "Vyrix_Opcodes.h"
 
@@ -96,6 +97,7 @@ Vyrix_ReturnStatus Set(const void* handle, bool argumentsValid, uint8_t opcode,
 template <typename Store>
 Vyrix_ReturnStatus Query(const void* handle, bool argumentsValid, uint8_t opcode,
                          std::initializer_list<Vyrix_DataS> params, Store store) {
+    CLastError::Clear();
     if (g_pLibCtx == nullptr) return VYRIX_RESULT(eVYRIX_UNINITIALIZED);
     if (!argumentsValid) return VYRIX_RESULT(eVYRIX_INVALID_ARGUMENT);
     try {

@@ -1,6 +1,7 @@
 // Names and one-sentence descriptions of result words.
 #include <cstdio>
 
+#include "LLC_LastError.h"
 #include "Vyrix_Api.h"
 
 namespace {
@@ -68,3 +69,5 @@ extern "C" const char* Vyrix_GetResultDescription(Vyrix_ReturnStatus result) {
     const Entry* e = Find(result);
     return e != nullptr ? e->description : kDeviceStatusDescription;
 }
+
+extern "C" const char* Vyrix_GetLastErrorText(void) { return CLastError::Text(); }

@@ -650,6 +650,33 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_GetEventFd(void* hConnection, int* pFd);
  * Thread safety: any thread. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_SetReconnect(void* hConnection, int enable, uint32_t maxIntervalMs);
 
+/* ---- Last error text -------------------------------------------------- */
+
+/* Vyrix_GetLastErrorText: one sentence about the last failure on the
+ * calling thread, naming its cause in words a user can act on, with the
+ * operating system's reason in parentheses where there was one, e.g.
+ * "/dev/ttyUSB0 is in use by process 4242 (lock file
+ * /tmp/vyrix_llc_com_ttyUSB0.lock)", "no permission to open /dev/ttyUSB0:
+ * it belongs to the group 'dialout'; add the user to it (sudo usermod -aG
+ * dialout $USER) and log in again (Permission denied)", "/dev/ttyUSB9: no
+ * such device (No such file or directory)", "no answer from the device
+ * within 10 s", "the device went away: ...".  Vyrix_GetResultDescription
+ * stays the code's generic text; this is the particular reason.
+ * Set by: Vyrix_OpenConnection (device not found, in use with the holder's
+ * process id when its lock file names one, no permission with the group to
+ * join, not a serial device, no Bluetooth adapter, a connect that failed)
+ * and every device operation (no answer within the connection's reply
+ * time-out, the device went away, the connection closed under it).  Those
+ * calls empty it when they start, so after one of them fails the text is
+ * about that failure, or "" when there is nothing to add to the result
+ * word; other functions leave it as it is.
+ * Result: never null; "" when nothing is recorded on this thread.
+ * Lifetime: the text lives in storage of the calling thread, valid until
+ * the thread ends; its content changes with the thread's next call that
+ * sets or empties it (copy it to keep it).  Never free it.
+ * Blocking: none.  Thread safety: any thread; each thread has its own text. */
+VYRIX_API const char* Vyrix_GetLastErrorText(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -1,13 +1,11 @@
 #!/usr/bin/env bash
-# Builds the library and its tools and runs the guided tour against the
-# built-in device simulator.
+# Builds the library and the guided tour (nothing else: scripts/test.sh
+# builds the tests, benchmarks and the rest) and runs the tour against the
+# built-in device simulator.  Missing packages are installed quietly.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/deps.sh
+VYRIX_DEPS_QUIET=1 scripts/deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release
-if [ -x build/release/tools/vyrix-demo ]; then
-  exec build/release/tools/vyrix-demo
-fi
-exec build/release/examples/vyrix-version
+cmake --build --preset release --target vyrix-demo
+exec build/release/tools/vyrix-demo

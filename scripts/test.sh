@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test.
+# Builds everything (the tests, benchmarks, tools and examples) and runs
+# every test.
 #   scripts/test.sh          the release build
 #   scripts/test.sh asan     built with AddressSanitizer + UndefinedBehaviorSanitizer
 #   scripts/test.sh tsan     the threaded tests built with ThreadSanitizer

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "LLC_LastError.h"
 #include "LLC_Utility.h"
 
 namespace {
@@ -91,6 +92,7 @@ Vyrix_ReturnStatus CBTPort::Open(const char* uniqueID, const char* passKey) {
         return RC(eVYRIX_INVALID_ARGUMENT);
     }
     if (!CheckForBTHRadio()) {
+        CLastError::Set("this host has no usable Bluetooth adapter");
         LlcLog("<ERROR> %s:No bluetooth Support in Host mechine\n", "OpenPort");
         return RC(eVYRIX_BTH_DISABLED);
     }
@@ -125,6 +127,8 @@ Vyrix_ReturnStatus CBTPort::Open(const char* uniqueID, const char* passKey) {
     addr.rc_channel = KT_BTH_RFCOMM_CHANNEL;
     int status = connect(m_gRFCommSock, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
     if (status != 0) {
+        CLastError::SetWithErrno(errno, "cannot connect to %s on RFCOMM channel %d", m_uniqueID,
+                                 static_cast<int>(KT_BTH_RFCOMM_CHANNEL));
         // The socket and lock file go with ClosePort, which the handler
         // runs at once by deleting the port.
         LlcLog("<ERROR> %s LLC_BTPort Open failure %d\n", "OpenPort", status);
@@ -172,6 +176,7 @@ Vyrix_ReturnStatus CBTPort::ClosePort() {
 Vyrix_ReturnStatus CBTPort::EnumerateDevices(unsigned int numDevicesToEnumerate, unsigned int* pNumDevices,
                                              void* pDeviceInfo) {
     if (!CheckForBTHRadio()) {
+        CLastError::Set("this host has no usable Bluetooth adapter");
         LlcLog("<INFO> %s:Host device doesnt have bluetooth support.\n", "EnumerateDevices");
         return RC(eVYRIX_BTH_DISABLED);
     }

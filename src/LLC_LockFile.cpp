@@ -148,6 +148,15 @@ CLockFile::Attempt CLockFile::TryTakeOver(const char* name) {
     return result;
 }
 
+pid_t CLockFile::HolderOf(const char* name) {
+    const int fd = open(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    struct stat st {};
+    const pid_t pid = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? NamedPid(fd) : 0;
+    close(fd);
+    return pid;
+}
+
 bool CLockFile::Acquire(const char* name, int* pOpenResult) {
     *pOpenResult = -1;
     if (m_fd >= 0) return false;

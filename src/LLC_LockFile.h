@@ -34,6 +34,10 @@ public:
 
     bool Held() const { return m_fd >= 0; }
 
+    // The process that the lock file `name` names (the holder that made an
+    // Acquire fail), or 0 when it names nobody or cannot be read.
+    static pid_t HolderOf(const char* name);
+
 private:
     enum class Attempt { kTaken, kRefused, kRetry };
     Attempt TryCreate(const char* name);

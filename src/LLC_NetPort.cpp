@@ -13,6 +13,7 @@
 #include <set>
 
 #include "LLC_ForkGuard.h"
+#include "LLC_LastError.h"
 #include "LLC_Utility.h"
 
 namespace {
@@ -39,6 +40,7 @@ ClaimRegistry& Claims() {
 }
 
 void LogOpenFailure(const std::string& url, const char* reason) {
+    CLastError::Set("cannot reach %s: %s", url.c_str(), reason);
     LlcLog("<INFO> %s Opening '%s' failed\n", "OpenPort", url.c_str());
     LlcLog("<ERROR> %s %s: %s\n", "OpenPort", url.c_str(), reason);
 }
@@ -83,6 +85,7 @@ Vyrix_ReturnStatus CNetPort::OpenPort() {
     m_telnet = m_address.GetScheme() == CNetAddress::eSCHEME_RFC2217;
     const std::string endpoint = m_address.Endpoint();
     if (!Claim(endpoint)) {
+        CLastError::Set("%s is open already in this process", endpoint.c_str());
         LlcLog("<ERROR> %s %s is open already in this process\n", "OpenPort", endpoint.c_str());
         LlcLog("<ERROR> %s Device not connected\n", "OpenPort");
         return RC(eVYRIX_NOT_CONNECTED);

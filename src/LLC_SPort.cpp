@@ -1,14 +1,17 @@
 #include "LLC_SPort.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "LLC_LastError.h"
 #include "LLC_Utility.h"
 
 namespace {
@@ -26,6 +29,55 @@ constexpr BaudEntry kBaudTable[] = {
     {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400}, {115200, B115200},
 };
 
+// The group whose members may open the device at `path` ("dialout" for
+// most serial adapters), or "" when there is none or it cannot be told.
+std::string GroupOf(const char* path) {
+    struct stat st {};
+    if (stat(path, &st) != 0 || (st.st_mode & (S_IRGRP | S_IWGRP)) != (S_IRGRP | S_IWGRP)) return "";
+    struct group entry {};
+    struct group* found = nullptr;
+    char buffer[1024];
+    if (getgrgid_r(st.st_gid, &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr) return "";
+    return entry.gr_name;
+}
+
+// Why open() refused the device, in words that say what to do about it.
+void ExplainOpenFailure(const char* path, int err) {
+    if (err == ENOENT || err == ENXIO || err == ENODEV) {
+        CLastError::SetWithErrno(err, "%s: no such device", path);
+    } else if (err == EACCES || err == EPERM) {
+        const std::string group = GroupOf(path);
+        if (group.empty())
+            CLastError::SetWithErrno(err,
+                                     "no permission to open %s: only its owner may; serial devices are usually "
+                                     "opened by members of the group 'dialout'",
+                                     path);
+        else
+            CLastError::SetWithErrno(err,
+                                     "no permission to open %s: it belongs to the group '%s'; add the user to it "
+                                     "(sudo usermod -aG %s $USER) and log in again",
+                                     path, group.c_str(), group.c_str());
+    } else {
+        CLastError::SetWithErrno(err, "cannot open %s", path);
+    }
+}
+
+// Why the lock file could not be had: another holder, or a directory
+// that does not let us create it.
+void ExplainLockFailure(const char* path, const char* lockName) {
+    if (const pid_t holder = CLockFile::HolderOf(lockName)) {
+        CLastError::Set("%s is in use by process %d (lock file %s)", path, static_cast<int>(holder), lockName);
+        return;
+    }
+    if (access(lockName, F_OK) == 0) {
+        CLastError::Set("%s is in use by another program (lock file %s)", path, lockName);
+        return;
+    }
+    std::string dir(lockName);
+    dir.erase(dir.find_last_of('/') + 1);
+    const int err = access(dir.c_str(), W_OK | X_OK) == 0 ? EEXIST : errno;
+    CLastError::SetWithErrno(err, "cannot create the lock file %s", lockName);
+}
 }  // namespace
 
 CSPort::CSPort(const char* portName, unsigned long dwBaud, char cParity, int nByteSize, float fStop)
@@ -89,18 +141,22 @@ Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char
     }
     char lockName[KT_LOCK_NAME_SIZE];
     if (strnlen(portName, kPortNameSize) >= kPortNameSize || !LockNameFor(portName, lockName)) {
+        CLastError::Set("the device path is too long: at most %zu characters, and its lock file name at most %zu",
+                        kPortNameSize - 1, KT_LOCK_NAME_SIZE - 1);
         LlcLog("<ERROR> %s Invalid argument\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }
     memcpy(m_portName, portName, strlen(portName) + 1);
     memcpy(m_lockfile_str, lockName, sizeof lockName);
     if (CreateLockFile() != RC_OK) {
+        ExplainLockFailure(m_portName, lockName);
         LlcLog("<ERROR> %s Device not connected\n", "OpenPort");
         return RC(eVYRIX_NOT_CONNECTED);
     }
     LlcLog("<INFO> %s Opening serial device :%s\n", "OpenPort", m_portName);
     m_nPortHandle = open(m_portName, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (m_nPortHandle < 0) {
+        ExplainOpenFailure(m_portName, errno);
         LlcLog("<INFO> %s Opening '%s' failed\n", "OpenPort", m_portName);
         m_nPortHandle = -1;
         RemoveLockFile("OpenPort");
@@ -108,12 +164,14 @@ Vyrix_ReturnStatus CSPort::Open(const char* portName, unsigned long dwBaud, char
     }
     if (tcgetattr(m_nPortHandle, &m_oldTio) != 0) {
         // Not a terminal: nothing that speaks the line protocol.
+        CLastError::SetWithErrno(errno, "%s is not a serial device", m_portName);
         LlcLog("<INFO> %s Opening '%s' failed\n", "OpenPort", m_portName);
         return FailOpen(RC(eVYRIX_FAILURE));
     }
     // The lock file only covers this name of the device; the lock on the
     // terminal itself covers every other name (links, /dev/serial/by-id).
     if (flock(m_nPortHandle, LOCK_EX | LOCK_NB) != 0) {
+        CLastError::Set("%s is in use by another connection or process under another name", m_portName);
         LlcLog("<RROR> %s: Lockfile create failed.%d\n", "CreateLockFile", -1);
         LlcLog("<ERROR> %s Device not connected\n", "OpenPort");
         return FailOpen(RC(eVYRIX_NOT_CONNECTED));

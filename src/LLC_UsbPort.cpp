@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "LLC_LastError.h"
 #include "LLC_Utility.h"
 
 std::atomic<unsigned char> vyrix_write_ep_{0x01};
@@ -172,6 +173,10 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     // device of the product.
     if (taken == nullptr && (!m_onlyPreferred || m_preferredSerial.empty())) taken = TakeFirstFree(list, count, false);
     if (taken == nullptr) {
+        CLastError::Set(
+            "no free USB device with product id %u is attached (all absent or in use by other "
+            "connections or processes)",
+            static_cast<unsigned>(KT_USB_PRODUCT_ID));
         LlcLog("<INFO> %s: No Devices Found.\n", "OpenPort");
         return FailOpen(list, RC(eVYRIX_NOT_CONNECTED));
     }
@@ -179,6 +184,14 @@ Vyrix_ReturnStatus CUsbPort::OpenPort() {
     int err = libusb_open(taken, &m_vyrixHandle);
     if (err != 0) {
         m_vyrixHandle = nullptr;
+        if (err == LIBUSB_ERROR_ACCESS)
+            CLastError::Set(
+                "no permission to open the USB device on bus %d, address %d: install the udev rule "
+                "60-vyrix.rules and add the user to the group 'plugdev' (%s)",
+                m_bus_num, m_dev_addr, libusb_strerror(static_cast<libusb_error>(err)));
+        else
+            CLastError::Set("cannot open the USB device on bus %d, address %d (%s)", m_bus_num, m_dev_addr,
+                            libusb_strerror(static_cast<libusb_error>(err)));
         LlcLog("<ERROR> %s: libusb_open failed. %d\n", "OpenPort", err);
         RemoveLockFile();
         return FailOpen(list, RC(eVYRIX_FAILURE));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -76,17 +77,22 @@ TEST_F(Faulty, HangUpInTheMiddleOfACommand) {
 
 TEST_F(Faulty, HangUpInTheMiddleOfAFirmwareUpgrade) {
     sim->SetFaults(With(&Faults::hangUpAfter, 3));
-    std::vector<uint8_t> image(40000, 0x5A);
-    size_t done = 0;
+    const auto fill = [](uint8_t* into, size_t length) {
+        memset(into, 0x5A, length);
+        return std::string();
+    };
+    const std::atomic<bool> never{false};
+    uint64_t done = 0;
     vt::Stopwatch watch;
-    EXPECT_EQ(vyrix::tools::SendFirmware(connection, image,
-                                         [&](size_t d, size_t) {
+    EXPECT_EQ(vyrix::tools::SendFirmware(connection, 40000, fill, never,
+                                         [&](uint64_t d, uint64_t) {
                                              done = d;
                                              // the line is gone before the next chunk is written
                                              if (d == 12000) {
                                                  EXPECT_TRUE(vt::Eventually([&] { return sim->HungUp(); }));
                                              }
-                                         }),
+                                         })
+                  .result,
               0x16000000u);
     EXPECT_EQ(done, 12000u);  // three chunks acknowledged, the fourth could not be written
     EXPECT_LT(watch.Ms(), 5000);
@@ -196,8 +202,9 @@ TEST_F(Faulty, SecondProcessIsRefusedAndLogsApart) {
     size_t n = fread(buf, 1, sizeof buf - 1, pipe);
     const int status = pclose(pipe);
     const std::string out(buf, n);
-    EXPECT_EQ(WEXITSTATUS(status), 1) << out;
+    EXPECT_EQ(WEXITSTATUS(status), 3) << out;  // the device could not be opened
     EXPECT_TRUE(Contains(out, "\"result\":\"eVYRIX_NOT_CONNECTED\""));
+    EXPECT_TRUE(Contains(out, "is in use by process " + std::to_string(getpid()))) << out;
     // Its entries went to a time-stamped file, not into ours.
     EXPECT_FALSE(Contains(vt::Log(), "Lockfile create failed"));
     bool found = false;

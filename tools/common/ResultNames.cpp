@@ -21,4 +21,14 @@ std::string EventName(uint16_t code) {
     }
 }
 
+std::string StateName(uint32_t state) {
+    switch (state) {
+        case vyrix::sim::kStateStandby: return "standby";
+        case vyrix::sim::kStateRunning: return "running";
+        case vyrix::sim::kStateUpgrading: return "upgrading";
+        case vyrix::sim::kStateFault: return "fault";
+        default: return "state " + std::to_string(state);
+    }
+}
+
 }  // namespace vyrix::tools

@@ -15,6 +15,10 @@ std::string ResultName(uint32_t result);
 // without a name.
 std::string EventName(uint16_t code);
 
+// "standby", "running", "upgrading", "fault" for the state word of the
+// system status; "state 9" for one without a name.
+std::string StateName(uint32_t state);
+
 }  // namespace vyrix::tools
 
 #endif

@@ -1,10 +1,5 @@
 #include "Session.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <regex>
 
 namespace vyrix::tools {
@@ -16,21 +11,12 @@ constexpr uint32_t kUsbProduct = 4;
 
 std::string CheckTransport(const Transport& t) {
     const int chosen = !t.uart.empty() + !t.usb.empty() + !t.bt.empty() + t.sim;
+    if (chosen == 0) return "choose a transport: --uart PATH, --usb SERIAL, --bt ADDRESS or --sim";
     if (chosen > 1) return "choose one transport: --uart, --usb, --bt or --sim";
     static const std::regex address("([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}");
     if (!t.bt.empty() && !std::regex_match(t.bt, address))
         return "--bt " + t.bt + ": not a Bluetooth address (like 00:11:22:33:44:55)";
     if (!t.passkey.empty() && t.bt.empty()) return "--passkey goes with --bt";
-    return "";
-}
-
-std::string CheckSerialPath(const std::string& path) {
-    if (path.find("://") != std::string::npos) return "";  // a network address: the library checks it
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0)
-        return errno == ENOENT ? path + ": no such device" : path + ": " + strerror(errno);
-    if (!S_ISCHR(st.st_mode)) return path + ": not a character device";
-    if (access(path.c_str(), R_OK | W_OK) != 0) return path + ": not readable and writable by this user";
     return "";
 }
 
@@ -63,7 +49,8 @@ Session::Session(const Transport& transport, unsigned replyTimeoutMs) : transpor
     result_ = Vyrix_OpenConnection(library_, &connection_, info);
     if (result_ != eVYRIX_RETURN_SUCCESS) {
         connection_ = nullptr;
-        failure_ = "cannot connect to the device";
+        failure_ = Vyrix_GetLastErrorText();
+        if (failure_.empty()) failure_ = "cannot connect to the device";
         return;
     }
     if (replyTimeoutMs != 0) {

@@ -20,15 +20,10 @@ struct Transport {
     bool sim = false;     // start the built-in simulator and use it
 };
 
-// Why the transport options cannot be used as given (more than one
+// Why the transport options cannot be used as given (none or more than one
 // transport, a malformed Bluetooth address), or "" when they can.  Touches
 // nothing.
 std::string CheckTransport(const Transport& transport);
-
-// Why the serial device at `path` cannot be opened by this user (it does
-// not exist, is not a character device, is not readable and writable), or
-// "" when it can (and for a network address, which the library checks).
-std::string CheckSerialPath(const std::string& path);
 
 class Session {
 public:

@@ -12,8 +12,12 @@
 #include <mutex>
 #include <thread>
 
+#include "ExitStatus.h"
+#include "Numbers.h"
+#include "Output.h"
 #include "ResultNames.h"
 #include "Session.h"
+#include "Suggest.h"
 #include "Upgrade.h"
 #include "Vyrix_LLC_Api_Ex.h"
 #include "vyrix_version.h"
@@ -65,8 +69,9 @@ constexpr char kUsage[] =
     "  --version  show the version and exit\n"
     "\n"
     "Colours and the progress bar are drawn only on a terminal, and never\n"
-    "when NO_COLOR is set.  The exit status is 0 when every step went as\n"
-    "expected, 1 otherwise, 2 on a usage error.\n";
+    "when NO_COLOR is set.  A step that does not go as expected counts as a\n"
+    "failed command.\n"
+    "\n";
 
 Vyrix_ReturnStatus OnMessage(void*) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -93,15 +98,16 @@ void ShowBrightness(void* h) {
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0) {
-            fputs(kUsage, stdout);
-            return 0;
+            printf("%s%s\n", kUsage, kExitStatusHelp);
+            return kExitSuccess;
         }
         if (strcmp(argv[i], "--version") == 0) {
             printf("vyrix-demo %s\n", VYRIX_VERSION_STRING);
             return 0;
         }
-        fprintf(stderr, "vyrix-demo: unknown argument '%s' (see vyrix-demo --help)\n", argv[i]);
-        return 2;
+        fprintf(stderr, "vyrix-demo: unknown argument '%s'%s (see vyrix-demo --help)\n", Printable(argv[i]).c_str(),
+                DidYouMean(argv[i], {"--help", "--version"}).c_str());
+        return kExitUsage;
     }
     setenv("VYRIX_LOG", "off", 0);        // the library's lines stay off the tour
     setvbuf(stdout, nullptr, _IOLBF, 0);  // the progress bar on stderr stays in order
@@ -114,8 +120,8 @@ int main(int argc, char** argv) {
     transport.sim = true;
     Session session(transport);
     if (session.Result() != eVYRIX_RETURN_SUCCESS) {
-        fprintf(stderr, "%s: %s\n", session.Failure().c_str(), ResultName(session.Result()).c_str());
-        return 1;
+        fprintf(stderr, "vyrix-demo: %s\n", Explain(session.Result(), session.Failure()).c_str());
+        return kExitNoDevice;
     }
     void* h = session.Handle();
     vyrix::sim::DeviceSimulator& sim = *session.Simulator();
@@ -170,7 +176,16 @@ int main(int argc, char** argv) {
     std::vector<uint8_t> image(kFirmwareBytes);
     for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<uint8_t>((i * 131) ^ (i >> 7));
     ProgressBar bar(Decorated(stderr));
-    Vyrix_ReturnStatus up = SendFirmware(h, image, [&](size_t done, size_t total) { bar.Update(done, total); });
+    size_t offset = 0;
+    const auto read = [&](uint8_t* into, size_t length) {
+        memcpy(into, image.data() + offset, length);
+        offset += length;
+        return std::string();
+    };
+    const std::atomic<bool> never{false};
+    Vyrix_ReturnStatus up = SendFirmware(h, image.size(), read, never, [&](uint64_t done, uint64_t total) {
+                                bar.Update(done, total);
+                            }).result;
     bar.Finish();
     Step("Vyrix_UpgradeSoftware, 4000 bytes a chunk", up);
     auto fw = sim.Model().FirmwareState();

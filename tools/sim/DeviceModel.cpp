@@ -196,7 +196,7 @@ Answer DeviceModel::HandleLocked(uint8_t opcode, const uint8_t* params, size_t s
                 Append(a.values, Le32Bytes(w));
             return a;
         case eOP_GET_SYSTEM_STATUS:
-            for (uint32_t w : {1u, 0u}) Append(a.values, Le32Bytes(w));
+            for (uint32_t w : {static_cast<uint32_t>(kStateRunning), 0u}) Append(a.values, Le32Bytes(w));
             Append(a.values, FloatBytes(41.5f + static_cast<float>(commands_ % 10) * 0.1f));
             for (uint32_t w : {Seconds() / 3600, commands_, pattern_.select, firmware_.receivedBytes, firmware_.crc32})
                 Append(a.values, Le32Bytes(w));

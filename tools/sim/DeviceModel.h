@@ -41,6 +41,9 @@ enum EventCode : uint16_t {
     kEventBadCommand = 8
 };
 
+// What the first word of the system status says the device is doing.
+enum DeviceState : uint32_t { kStateStandby = 0, kStateRunning = 1, kStateUpgrading = 2, kStateFault = 3 };
+
 class DeviceModel {
 public:
     DeviceModel();
