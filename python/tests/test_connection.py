@@ -3,6 +3,7 @@
 import dataclasses
 import itertools
 import os
+import select
 import signal
 import subprocess
 import sys
@@ -95,6 +96,43 @@ def test_interrupt_leaves_the_connection_usable(simulator):
         # gets its own reply.
         assert dev.get_brightness() == 40
         assert dev.statistics().packets_sent == 3
+
+
+def test_a_forked_child_is_not_held_by_the_parents_command(simulator):
+    # The parent's command holds the connection's turn on a thread the child
+    # does not have; the child's own command must end at once, not wait.
+    sim = simulator("--silent-every", "1", "--trace")
+    with vyrix.open_uart(sim.link, timeout=DEADLINE) as dev:
+        outcome = []
+        running = threading.Thread(target=lambda: outcome.append(_try(dev.get_brightness)))
+        running.start()
+        sim.wait_for("host ->", 1)
+        reader, writer = os.pipe()
+        pid = os.fork()
+        if pid == 0:
+            os.close(reader)
+            os.write(writer, _try(dev.get_brightness).encode())
+            os._exit(0)
+        os.close(writer)
+        ready, _, _ = select.select([reader], [], [], DEADLINE)
+        answer = os.read(reader, 100).decode() if ready else "no answer in time"
+        os.close(reader)
+        if not ready:
+            os.kill(pid, signal.SIGKILL)
+        os.waitpid(pid, 0)
+        assert answer == "NotConnected"
+        dev.close()
+        running.join()
+        assert outcome == ["NotConnected"]
+
+
+def _try(command):
+    """The name of the exception the command raised, or "ok"."""
+    try:
+        command()
+        return "ok"
+    except BaseException as error:
+        return type(error).__name__
 
 
 @pytest.mark.parametrize("ending", ["exit", "interrupt"])

@@ -117,6 +117,22 @@ def _release(lib: _Library, handle: int, keep: Tuple[bytes, ...]) -> None:
         pass
 
 
+# Every Device alive, so that a forked child can free their turn locks: a
+# lock held by a parent's thread that the child does not have would be held
+# forever, and the child's next command (which the library answers with
+# NotConnected for an inherited connection) would wait for it.
+_alive: "weakref.WeakSet[Device]" = weakref.WeakSet()
+
+
+def _free_turns_in_child() -> None:
+    for device in list(_alive):
+        device._turn = threading.Lock()
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_free_turns_in_child)
+
+
 class Device:
     """An open connection to one device; a context manager that closes it on exit.
 
@@ -153,6 +169,7 @@ class Device:
         milliseconds = _milliseconds(timeout, "open_" + transport)
         self._lib = lib = library()
         self._turn = threading.Lock()  # held by the command running on this connection
+        _alive.add(self)
         # Interrupted while it opens: the connection is closed when the open ends.
         handle = _blocking.call(lib.open_connection, info, cleanup=lib.close_connection)
         self._handle = handle
