@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config binutils
-  libusb-1.0-0-dev libbluetooth-dev
+  libusb-1.0-0-dev libbluetooth-dev libpcap-dev tshark
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   nlohmann-json3-dev zlib1g-dev help2man
   umockdev libumockdev-dev

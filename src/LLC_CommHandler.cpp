@@ -44,6 +44,7 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, const char* failMessage,
         m_port.reset();
         return r;
     }
+    m_capture.Opened(*port);
     CCallbackDispatcher::Attach();
     m_dispatching = true;
     m_bConnected = true;
@@ -119,9 +120,12 @@ void CCommHandler::ReceiveLoop() {
 
 void CCommHandler::Consume(BYTE* buf, DWORD length) {
     DWORD offset = 0;
+    m_msgHandler.KeepDropped(m_capture.On());
     for (;;) {
         KtXlnkMsgS sMsg{};
-        if (m_msgHandler.ParsePacket(buf + offset, length - offset, &sMsg) != RC_OK) return;
+        const bool accepted = m_msgHandler.ParsePacket(buf + offset, length - offset, &sMsg) == RC_OK;
+        m_capture.Parsed(m_msgHandler, accepted ? &sMsg : nullptr);
+        if (!accepted) return;
         offset += m_msgHandler.ConsumedBytes();
         Deliver(sMsg);
         delete[] sMsg.pPayload;
@@ -244,6 +248,7 @@ Vyrix_ReturnStatus CCommHandler::RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* 
         LlcLog("<INFO> %s: Retry number :%d\n", "RetryLastMessage", static_cast<int>(retry));
         {
             std::lock_guard<std::mutex> lock(m_writeLock);
+            m_capture.Sent(packet.data(), packet.size(), true);
             Vyrix_ReturnStatus w = WriteLocked(packet.data(), packet.size(), "RetryLastMessage");
             // Other write failures are not examined: the wait below decides.
             if (m_port == nullptr || HasCode(w, eVYRIX_NOT_CONNECTED)) return w;
@@ -270,6 +275,7 @@ Vyrix_ReturnStatus CCommHandler::SendMsg(KtXlnkMsgS sMsg) {
     if (r != RC_OK) return r;
     std::lock_guard<std::mutex> lock(m_writeLock);
     m_waitingReply = true;
+    m_capture.Sent(packet.data(), packet.size(), false);
     r = WriteLocked(packet.data(), packet.size(), "SendMsg");
     if (r != RC_OK) {
         m_waitingReply = false;
@@ -302,6 +308,7 @@ Vyrix_ReturnStatus CCommHandler::ClosePort() {
     m_rxMsgConnectionlessQ.MarkDown(RC(eVYRIX_NOT_CONNECTED));
     m_port->CancelRead();
     if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
+    m_capture.Stop();
     Vyrix_ReturnStatus r;
     {
         std::lock_guard<std::mutex> lock(m_writeLock);

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "LLC_CommandGate.h"
+#include "LLC_LinkCapture.h"
 #include "LLC_MsgQueue.h"
 #include "LLC_Port.h"
 #include "LLC_Thread.h"
@@ -84,6 +85,9 @@ public:
 
     KtLinkCountersS Counters() const;
 
+    // Records the link's traffic into capture files.
+    CLinkCapture& Capture() { return m_capture; }
+
     // Belongs to the process this one was forked from.
     bool IsInherited() const;
     // Whether a close has started (messages still queued are not announced).
@@ -137,6 +141,7 @@ private:
     const unsigned m_generation;  // of the process that opened it
     size_t m_parserDiscards;      // receive thread only
     Announcements m_announce;
+    CLinkCapture m_capture;
 
     struct AtomicCounters {
         std::atomic<uint64_t> packetsSent{0}, packetsReceived{0}, bytesSent{0}, bytesReceived{0}, resends{0},

@@ -45,6 +45,10 @@ int main(int argc, char** argv) {
     app.add_option("--split", faults.splitBytes, "Write replies in pieces of N bytes");
     app.add_option("--split-pause", faults.splitPauseMs, "Pause between the pieces, in ms");
     app.add_option("--hangup-after", faults.hangUpAfter, "Hang up after N commands");
+    app.add_option("--damage-every", faults.damageEvery,
+                   "Send every N-th reply once with a wrong checksum, then intact");
+    std::string capture;
+    app.add_option("--capture", capture, "Record this side's traffic into a pcap file (see vyrix.lua)");
     CLI11_PARSE(app, argc, argv);
     faults.garbage.assign(garbage, 0x55);
 
@@ -58,6 +62,15 @@ int main(int argc, char** argv) {
     sim->SetFaults(faults);
     sim->SetTrace(trace);
     sim->SetBaud(baud);
+    if (!capture.empty()) {
+        std::string why;
+        auto file = vyrix::sim::SimCapture::Create(capture, &why);
+        if (!file) {
+            fprintf(stderr, "vyrix-sim: --capture %s: %s\n", capture.c_str(), why.c_str());
+            return 1;
+        }
+        sim->SetCapture(std::move(file));
+    }
     if (!link.empty() && symlink(sim->SlavePath().c_str(), link.c_str()) != 0) {
         // Never replaces what is there: it is not ours.
         if (errno == EEXIST)

@@ -402,6 +402,8 @@ int main(int argc, char** argv) {
     app.add_option("--timeout", timeoutS, "Seconds a command waits for the device's reply (default 10)");
     app.add_flag("--json", json, "Print machine-readable JSON, errors included");
     app.add_flag("--verbose", verbose, "Let the library log to standard error (unless VYRIX_LOG is set)");
+    std::string capture;
+    app.add_option("--capture", capture, "Record the connection's packets into this pcap file (see vyrix.lua)");
     app.require_subcommand(1);
 
     std::string what;
@@ -523,6 +525,10 @@ int main(int argc, char** argv) {
     int exitStatus = kExitFailed;
     if (session.Result() != eVYRIX_RETURN_SUCCESS) {
         exitStatus = Report(command, json).Finish(session.Result(), session.Failure());
+    } else if (Vyrix_ReturnStatus c =
+                   capture.empty() ? eVYRIX_RETURN_SUCCESS : Vyrix_StartCapture(session.Handle(), capture.c_str());
+               c != 0) {
+        exitStatus = Report(command, json).Finish(c, "cannot create the capture file " + capture);
     } else if (g_signal == 0) {
         ctx.handle = session.Handle();
         void* h = session.Handle();

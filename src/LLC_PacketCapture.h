@@ -1,0 +1,52 @@
+// One pcap file that packets of one link, or of all links of the process,
+// are recorded into: link type 147 (user 0), nanosecond time stamps, each
+// record a Vyrix_CaptureHeaderS and the bytes as they crossed the port.
+//
+// Writers on different threads (the receive thread, senders) take the
+// file's lock for the write and flush of one record only, so a record is
+// never torn and a crash keeps every record written.  The time stamp is
+// taken under the lock, so records stand in the file in time order.
+//
+// The descriptor is close-on-exec.  A forked child leaves an inherited
+// capture alone: no write, no flush, no close (its buffer and offset are
+// the parent's).
+#ifndef LLC_PACKETCAPTURE_H
+#define LLC_PACKETCAPTURE_H
+
+#include <pcap/pcap.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "LLC_Common.h"
+#include "Vyrix_Api.h"
+
+class CPacketCapture {
+public:
+    // Creates (or empties) the file and writes the pcap file header.
+    // Null when that fails; *pWhy then says why.
+    static std::shared_ptr<CPacketCapture> Create(const std::string& path, std::string* pWhy);
+    ~CPacketCapture();
+    CPacketCapture(const CPacketCapture&) = delete;
+    CPacketCapture& operator=(const CPacketCapture&) = delete;
+
+    // Appends one record; a record longer than the snapshot length is cut.
+    // Does nothing once closed, or in a forked child.
+    void Record(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length);
+    // Flushes and closes the file; later records are ignored.
+    void Close();
+
+private:
+    CPacketCapture(pcap_t* pcap, pcap_dumper_t* dumper);
+    void CloseLocked();
+
+    std::mutex m_lock;  // guards everything below
+    pcap_t* m_pcap;
+    pcap_dumper_t* m_dumper;
+    std::vector<u_char> m_record;  // header and bytes of the record being written
+    const unsigned m_generation;   // of the process that created it
+};
+
+#endif  // LLC_PACKETCAPTURE_H
