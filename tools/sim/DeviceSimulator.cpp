@@ -150,6 +150,12 @@ std::optional<Reply> DeviceSimulator::ModelReply(DeviceModel& model, const HostP
     return reply;
 }
 
+uint8_t DeviceSimulator::DamagedChecksum(uint8_t checksum) {
+    // Never a start byte: the damaged copy must not hide the intact one.
+    const uint8_t damaged = static_cast<uint8_t>(checksum ^ 0x01);
+    return damaged == 0xC0 ? static_cast<uint8_t>(checksum ^ 0x03) : damaged;
+}
+
 void DeviceSimulator::SetCapture(std::unique_ptr<SimCapture> capture) {
     std::lock_guard<std::mutex> lock(captureMutex_);
     capture_ = std::move(capture);
@@ -202,7 +208,7 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
             EncodeDevicePacket(reply->destination, reply->source, reply->protocol, reply->payload);
         if (faults.damageEvery > 0 && number % faults.damageEvery == 0) {
             std::vector<uint8_t> damaged = packetBytes;
-            damaged.back() = static_cast<uint8_t>(damaged.back() ^ 0xFF);
+            damaged.back() = DamagedChecksum(damaged.back());
             Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, VYRIX_CAPTURE_DISCARDED, damaged);
             bytes.insert(bytes.end(), damaged.begin(), damaged.end());
         }

@@ -90,6 +90,9 @@ public:
     void HangUp();
     bool HungUp() const { return hungUp_; }
 
+    // The wrong checksum of a damaged copy of a packet with this checksum.
+    static uint8_t DamagedChecksum(uint8_t checksum);
+
     // The model's answer to a command packet, as a reply payload.
     static std::optional<Reply> ModelReply(DeviceModel& model, const HostPacket& packet);
 
