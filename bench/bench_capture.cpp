@@ -2,10 +2,12 @@
 // the device simulator over a pseudo-terminal, with the connection's capture
 // off and on, in alternating batches of the same run (so that a busy machine
 // weighs on both alike).  Reports the median time per command of each and
-// their ratio.
+// their ratio, and the CPU time per command of each.
 #include <benchmark/benchmark.h>
 #include <ftw.h>
 #include <unistd.h>
+
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -28,14 +30,25 @@ double Median(std::vector<double> v) {
     return v[v.size() / 2];
 }
 
-// Microseconds per command over one batch.
-double Batch(void* connection) {
+double ProcessCpuMicroseconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
+}
+
+// Microseconds per command over one batch, of real time and of the
+// process's CPU time (the simulator's included).
+struct Cost {
+    double real, cpu;
+};
+Cost Batch(void* connection) {
     uint8_t brightness = 0;
+    const double cpu = ProcessCpuMicroseconds();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < kCommandsPerBatch; ++i)
-        if (Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT) != 0) return -1;
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() /
-           kCommandsPerBatch;
+        if (Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT) != 0) return {-1, -1};
+    const double real = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+    return {real / kCommandsPerBatch, (ProcessCpuMicroseconds() - cpu) / kCommandsPerBatch};
 }
 
 void BM_CommandRoundTripCaptureOffOn(benchmark::State& state) {
@@ -57,21 +70,28 @@ void BM_CommandRoundTripCaptureOffOn(benchmark::State& state) {
         return;
     }
     const std::string file = dir + "/bench.pcap";
-    std::vector<double> off, on;
+    std::vector<double> off, on, cpuOff, cpuOn;
+    bool failed = false;
     for (auto _ : state) {
         Batch(connection);  // warm up
         for (int round = 0; round < kRounds; ++round) {
-            off.push_back(Batch(connection));
+            const Cost without = Batch(connection);
             Vyrix_StartCapture(connection, file.c_str());
-            on.push_back(Batch(connection));
+            const Cost with = Batch(connection);
             Vyrix_StopCapture(connection);
+            failed = failed || without.real < 0 || with.real < 0;
+            off.push_back(without.real);
+            on.push_back(with.real);
+            cpuOff.push_back(without.cpu);
+            cpuOn.push_back(with.cpu);
         }
     }
-    if (std::min(*std::min_element(off.begin(), off.end()), *std::min_element(on.begin(), on.end())) < 0)
-        state.SkipWithError("a command failed");
+    if (failed) state.SkipWithError("a command failed");
     state.counters["us_off"] = Median(off);
     state.counters["us_on"] = Median(on);
     state.counters["ratio"] = Median(on) / Median(off);
+    state.counters["cpu_us_off"] = Median(cpuOff);
+    state.counters["cpu_us_on"] = Median(cpuOn);
     Vyrix_CloseLibrary(library);
     nftw(dir.c_str(), RemoveEntry, 8, FTW_DEPTH | FTW_PHYS);
 }

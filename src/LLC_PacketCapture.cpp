@@ -35,6 +35,10 @@ std::shared_ptr<CPacketCapture> CPacketCapture::Create(const std::string& path, 
         close(fd);
         return nullptr;
     }
+    // Unbuffered: no record ever waits in the stream, so a forked child's
+    // exit(), which flushes every stream, has nothing of the parent's to
+    // write twice, and a crash loses nothing.
+    setvbuf(file, nullptr, _IONBF, 0);
     pcap_t* pcap =
         pcap_open_dead_with_tstamp_precision(VYRIX_CAPTURE_LINKTYPE, kSnapshotLength, PCAP_TSTAMP_PRECISION_NANO);
     pcap_dumper_t* dumper = pcap != nullptr ? pcap_dump_fopen(pcap, file) : nullptr;
@@ -67,7 +71,7 @@ void CPacketCapture::Record(const Vyrix_CaptureHeaderS& header, const BYTE* byte
     record.caplen = static_cast<bpf_u_int32>(kept);
     record.len = static_cast<bpf_u_int32>(total);
     pcap_dump(reinterpret_cast<u_char*>(m_dumper), &record, m_record.data());
-    if (pcap_dump_flush(m_dumper) != 0) {
+    if (pcap_dump_flush(m_dumper) != 0 || ferror(pcap_dump_file(m_dumper)) != 0) {
         LlcLog("<ERROR> %s :Cannot write the capture file, capture ended\n", "CaptureRecord");
         CloseLocked();
     }

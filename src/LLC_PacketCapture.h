@@ -3,13 +3,13 @@
 // record a Vyrix_CaptureHeaderS and the bytes as they crossed the port.
 //
 // Writers on different threads (the receive thread, senders) take the
-// file's lock for the write and flush of one record only, so a record is
-// never torn and a crash keeps every record written.  The time stamp is
-// taken under the lock, so records stand in the file in time order.
+// file's lock for the writing of one record only, so records never mix.
+// The stream is unbuffered: each record is in the file when Record
+// returns, and a crash keeps every record written.  The time stamp is taken
+// under the lock, so records stand in the file in time order.
 //
 // The descriptor is close-on-exec.  A forked child leaves an inherited
-// capture alone: no write, no flush, no close (its buffer and offset are
-// the parent's).
+// capture alone: no write, no close (the file offset is the parent's).
 #ifndef LLC_PACKETCAPTURE_H
 #define LLC_PACKETCAPTURE_H
 

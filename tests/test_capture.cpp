@@ -99,7 +99,8 @@ struct Step {
     const char* what;
     std::function<Vyrix_ReturnStatus(void*)> call;
     bool resendRequested = false;  // the device first asks for the packet again
-    bool damaged = false;          // noise and a damaged copy come before the reply
+    Bytes noise = {};              // bytes before the reply
+    bool damaged = false;          // a damaged copy comes before the reply
     int chunk = -1;                // upgrade chunk index
 };
 
@@ -119,19 +120,18 @@ TEST_F(Capture, EveryPacketAndEveryDiscardedByteReadsBackAsSentAndReceived) {
     const std::vector<Step> steps = {
         {"set", [](void* h) { return Vyrix_SetBrightness(h, 60, eVYRIX_STORAGE_CURRENT); }},
         {"get", [&](void* h) { return Vyrix_GetBrightness(h, &brightness, eVYRIX_STORAGE_CURRENT); }},
-        {"chunk 0", upgrade(0), false, false, 0},
-        {"chunk 1", upgrade(1), false, false, 1},
-        {"chunk 2", upgrade(2), false, false, 2},
+        {"chunk 0", upgrade(0), false, {}, false, 0},
+        {"chunk 1", upgrade(1), false, {}, false, 1},
+        {"chunk 2", upgrade(2), false, {}, false, 2},
+        {"false start", [](void* h) { return Vyrix_CommitAll(h); }, false, {0xC0}},
         {"resend", [&](void* h) { return Vyrix_GetBrightness(h, &brightness, eVYRIX_STORAGE_SAVED); }, true},
-        {"damaged", [](void* h) { return Vyrix_SetGamma(h, 1, 2.5f, eVYRIX_STORAGE_CURRENT); }, false, true},
+        {"damaged", [](void* h) { return Vyrix_SetGamma(h, 1, 2.5f, eVYRIX_STORAGE_CURRENT); }, false, kNoise, true},
     };
     for (const Step& step : steps) {
         Faults faults;
         faults.resendRequests = step.resendRequested ? 1 : 0;
-        if (step.damaged) {
-            faults.damageEvery = 1;
-            faults.garbage = kNoise;
-        }
+        faults.damageEvery = step.damaged ? 1 : 0;
+        faults.garbage = step.noise;
         sim->SetFaults(faults);
         ASSERT_EQ(step.call(connection), 0u) << step.what;
     }
@@ -176,17 +176,22 @@ TEST_F(Capture, EveryPacketAndEveryDiscardedByteReadsBackAsSentAndReceived) {
             command = sent(step, true);
         }
         Bytes reply = EncodeDevicePacket(2, 0, 1, ReplyPayload(1, static_cast<uint8_t>(std::stoi(seq)), 0, kValues));
+        if (!step.noise.empty()) {
+            Row noise;
+            noise.direction = "1";
+            noise.discarded = "1";
+            noise.bytes = Hex(step.noise);
+            want.push_back(noise);
+        }
         if (step.damaged) {
             Bytes damaged = reply;
             damaged.back() = DeviceSimulator::DamagedChecksum(damaged.back());
-            Row noise, broken;
-            noise.direction = broken.direction = "1";
-            noise.discarded = broken.discarded = "1";
-            noise.bytes = Hex(kNoise);
+            Row broken;
+            broken.direction = "1";
+            broken.discarded = "1";
             broken.dst = "2";
             broken.checksumOk = "0";
             broken.bytes = Hex(damaged);
-            want.push_back(noise);
             want.push_back(broken);
         }
         Row* r = received(reply, command, "2");
