@@ -576,7 +576,8 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_Lin
  * far.  The record data is this header followed by the bytes exactly as
  * they crossed the port (start byte to checksum).  Sent packets are
  * recorded as they are handed to the port, received ones when they have
- * been parsed.  tools/vyrix.lua decodes them in Wireshark and tshark.
+ * been parsed.  The dissector vyrix.lua, installed with the tools, decodes
+ * them in Wireshark and tshark.
  *
  * Besides Vyrix_StartCapture below, the environment variable VYRIX_CAPTURE
  * (a path) captures every link of the process into one file, read when the
