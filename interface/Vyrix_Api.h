@@ -583,11 +583,11 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_GetLinkStatistics(void* connHandle, Vyrix_Lin
  * (a path) captures every link of the process into one file, read when the
  * process opens its first port; `link` tells the links apart.
  *
- * fork() and exec: capture files are opened close-on-exec and written
- * unbuffered; a child made by fork() never writes to or closes a capture
- * file it inherited, and captures only what it starts itself (a child
- * whose parent had opened no port yet reads VYRIX_CAPTURE like any
- * process). */
+ * fork() and exec: capture files are opened close-on-exec; fork() waits
+ * for a record being written; a child made by fork() never writes to or
+ * closes a capture file it inherited, and captures only what it starts
+ * itself (a child whose parent had opened no port yet reads VYRIX_CAPTURE
+ * like any process). */
 #define VYRIX_CAPTURE_LINKTYPE 147
 
 typedef struct Vyrix_CaptureHeaderS {

@@ -1,25 +1,60 @@
 #include "LLC_PacketCapture.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <set>
 
 #include "LLC_ForkGuard.h"
 
 namespace {
 // A discarded run can be longer than one packet; longer ones are cut.
 constexpr int kSnapshotLength = 65535;
+// Room for the longest record with its pcap record header, so that one
+// record leaves in one write.
+constexpr size_t kStreamBuffer = kSnapshotLength + 64;
 constexpr mode_t kFileMode = 0666;  // less the umask
+
+// Every capture of this process.  Between pcap_dump and the flush a record
+// waits in its stream's buffer; fork() waits until no record does, or a
+// child's exit(), which flushes every stream, would write it again.
+std::mutex g_capturesLock;
+std::set<CPacketCapture*>& Captures() {
+    static auto* captures = new std::set<CPacketCapture*>;  // outlives static destruction
+    return *captures;
+}
 }  // namespace
 
-CPacketCapture::CPacketCapture(pcap_t* pcap, pcap_dumper_t* dumper)
-    : m_pcap(pcap), m_dumper(dumper), m_generation(CForkGuard::Generation()) {}
+void CPacketCapture::HoldAll() {
+    g_capturesLock.lock();
+    for (CPacketCapture* c : Captures()) c->m_lock.lock();
+}
 
-CPacketCapture::~CPacketCapture() { Close(); }
+void CPacketCapture::ReleaseAll() {
+    for (CPacketCapture* c : Captures()) c->m_lock.unlock();
+    g_capturesLock.unlock();
+}
+
+CPacketCapture::CPacketCapture(pcap_t* pcap, pcap_dumper_t* dumper)
+    : m_pcap(pcap), m_dumper(dumper), m_generation(CForkGuard::Generation()) {
+    static const int registered = pthread_atfork(HoldAll, ReleaseAll, ReleaseAll);
+    (void)registered;
+    std::lock_guard<std::mutex> lock(g_capturesLock);
+    Captures().insert(this);
+}
+
+CPacketCapture::~CPacketCapture() {
+    {
+        std::lock_guard<std::mutex> lock(g_capturesLock);
+        Captures().erase(this);
+    }
+    Close();
+}
 
 std::shared_ptr<CPacketCapture> CPacketCapture::Create(const std::string& path, std::string* pWhy) {
     // Opened here rather than by pcap_dump_open, whose fopen would leave the
@@ -35,10 +70,7 @@ std::shared_ptr<CPacketCapture> CPacketCapture::Create(const std::string& path, 
         close(fd);
         return nullptr;
     }
-    // Unbuffered: no record ever waits in the stream, so a forked child's
-    // exit(), which flushes every stream, has nothing of the parent's to
-    // write twice, and a crash loses nothing.
-    setvbuf(file, nullptr, _IONBF, 0);
+    setvbuf(file, nullptr, _IOFBF, kStreamBuffer);
     pcap_t* pcap =
         pcap_open_dead_with_tstamp_precision(VYRIX_CAPTURE_LINKTYPE, kSnapshotLength, PCAP_TSTAMP_PRECISION_NANO);
     pcap_dumper_t* dumper = pcap != nullptr ? pcap_dump_fopen(pcap, file) : nullptr;
@@ -56,8 +88,17 @@ std::shared_ptr<CPacketCapture> CPacketCapture::Create(const std::string& path, 
 
 void CPacketCapture::Record(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length) {
     if (m_generation != CForkGuard::Generation()) return;
-    std::lock_guard<std::mutex> lock(m_lock);
-    if (m_dumper == nullptr) return;
+    bool failed;
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_dumper == nullptr) return;
+        failed = !WriteLocked(header, bytes, length);
+        if (failed) CloseLocked();
+    }
+    if (failed) LlcLog("<ERROR> %s :Cannot write the capture file, capture ended\n", "CaptureRecord");
+}
+
+bool CPacketCapture::WriteLocked(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length) {
     const size_t total = sizeof header + length;
     const size_t kept = total < static_cast<size_t>(kSnapshotLength) ? total : kSnapshotLength;
     m_record.resize(kept);
@@ -71,10 +112,7 @@ void CPacketCapture::Record(const Vyrix_CaptureHeaderS& header, const BYTE* byte
     record.caplen = static_cast<bpf_u_int32>(kept);
     record.len = static_cast<bpf_u_int32>(total);
     pcap_dump(reinterpret_cast<u_char*>(m_dumper), &record, m_record.data());
-    if (pcap_dump_flush(m_dumper) != 0 || ferror(pcap_dump_file(m_dumper)) != 0) {
-        LlcLog("<ERROR> %s :Cannot write the capture file, capture ended\n", "CaptureRecord");
-        CloseLocked();
-    }
+    return pcap_dump_flush(m_dumper) == 0;
 }
 
 void CPacketCapture::Close() {

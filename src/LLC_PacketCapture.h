@@ -4,12 +4,13 @@
 //
 // Writers on different threads (the receive thread, senders) take the
 // file's lock for the writing of one record only, so records never mix.
-// The stream is unbuffered: each record is in the file when Record
-// returns, and a crash keeps every record written.  The time stamp is taken
-// under the lock, so records stand in the file in time order.
+// Each record is flushed (one write) before Record returns, so a crash
+// keeps every record written.  The time stamp is taken under the lock, so
+// records stand in the file in time order.
 //
-// The descriptor is close-on-exec.  A forked child leaves an inherited
-// capture alone: no write, no close (the file offset is the parent's).
+// The descriptor is close-on-exec.  fork() waits for records being written
+// (no half-written record is left in a stream the child inherits), and a
+// forked child leaves an inherited capture alone: no write, no close.
 #ifndef LLC_PACKETCAPTURE_H
 #define LLC_PACKETCAPTURE_H
 
@@ -40,7 +41,11 @@ public:
 
 private:
     CPacketCapture(pcap_t* pcap, pcap_dumper_t* dumper);
+    bool WriteLocked(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length);
     void CloseLocked();
+    // Around fork(): every capture's lock, so no record is half written.
+    static void HoldAll();
+    static void ReleaseAll();
 
     std::mutex m_lock;  // guards everything below
     pcap_t* m_pcap;
