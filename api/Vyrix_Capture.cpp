@@ -22,7 +22,8 @@ extern "C" Vyrix_ReturnStatus Vyrix_StartCapture(void* connHandle, const char* p
     try {
         std::shared_ptr<CCommHandler> link;
         if (!CaptureLinkOf(connHandle, &link)) return Result(eVYRIX_INVALID_ARGUMENT);
-        if (!link) return Result(eVYRIX_NOT_CONNECTED);
+        // A link inherited across fork() is the parent's.
+        if (!link || link->IsInherited()) return Result(eVYRIX_NOT_CONNECTED);
         return link->Capture().Start(pPath);
     } catch (...) {
         return Result(eVYRIX_INTERNAL_ERROR);
@@ -34,6 +35,7 @@ extern "C" Vyrix_ReturnStatus Vyrix_StopCapture(void* connHandle) {
     try {
         std::shared_ptr<CCommHandler> link;
         if (!CaptureLinkOf(connHandle, &link)) return Result(eVYRIX_INVALID_ARGUMENT);
+        if (link && link->IsInherited()) return Result(eVYRIX_NOT_CONNECTED);
         if (link) link->Capture().Stop();
         return eVYRIX_RETURN_SUCCESS;
     } catch (...) {

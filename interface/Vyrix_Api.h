@@ -618,7 +618,7 @@ VYRIX_LAYOUT(offsetof(Vyrix_CaptureHeaderS, link) == 4);
  * Results: 0; 0x01000000 eVYRIX_FAILURE the file cannot be created or
  * written (the reason is in the log); 0x18000000 eVYRIX_ALREADY_OPENED this
  * connection is already being captured; 0x16000000 eVYRIX_NOT_CONNECTED the
- * connection has no link; 0x05000000 pPath null or empty, or a handle that
+ * connection has no link, or was inherited across fork(); 0x05000000 pPath null or empty, or a handle that
  * is not an open connection; 0x04000000 library not open.
  * Blocking: creates the file and writes its header; nothing is sent.
  * Thread safety: any thread, while commands run on the connection; packets
@@ -628,8 +628,9 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_StartCapture(void* connHandle, const char* pP
 /* Ends the capture that Vyrix_StartCapture started on this connection and
  * closes its file.  Stopping a connection that is not being captured does
  * nothing and returns 0.
- * Results: 0; 0x05000000 a handle that is not an open connection;
- * 0x04000000 library not open.
+ * Results: 0; 0x16000000 the connection was inherited across fork() (its
+ * capture is the parent's); 0x05000000 a handle that is not an open
+ * connection; 0x04000000 library not open.
  * Blocking: waits for a record being written to finish, no longer.
  * Thread safety: any thread, while commands run on the connection. */
 VYRIX_API Vyrix_ReturnStatus Vyrix_StopCapture(void* connHandle);

@@ -1,6 +1,7 @@
 // Capturing a link into a pcap file, read back by tshark through the
 // project's dissector and compared record by record with what the device
 // received and what it sent.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -236,6 +237,39 @@ TEST_F(ProcessCapture, OneFileTellsTheLinksApart) {
     std::vector<std::string> records;  // link and direction of each
     for (const std::string& row : ReadBack(File("process.pcap"))) records.push_back(row.substr(0, 3));
     EXPECT_EQ(records, (std::vector<std::string>{"2|0", "2|1", "1|0", "1|1"}));
+}
+
+// A forked child leaves the parent's capture alone whichever way it exits:
+// it cannot stop it, adds nothing to the file, and leaves nothing of the
+// parent's in it twice.
+TEST_F(Capture, ForkedChildLeavesTheCaptureAlone) {
+    VT_SKIP_THREADED_FORK_UNDER_SANITIZERS();
+    ASSERT_EQ(Vyrix_StartCapture(connection, File("fork.pcap").c_str()), 0u);
+    uint8_t brightness = 0;
+    ASSERT_EQ(Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT), 0u);
+    for (const bool normalExit : {true, false}) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            int code = 0;
+            if (Vyrix_StopCapture(connection) == VYRIX_RESULT(eVYRIX_NOT_CONNECTED)) code += 1;
+            if (Vyrix_StartCapture(connection, File("child.pcap").c_str()) == VYRIX_RESULT(eVYRIX_NOT_CONNECTED))
+                code += 2;
+            if (Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT) ==
+                VYRIX_RESULT(eVYRIX_NOT_CONNECTED))
+                code += 4;
+            if (normalExit) exit(code);
+            _exit(code);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(WEXITSTATUS(status), 7) << (normalExit ? "exit" : "_exit");
+        ASSERT_EQ(Vyrix_GetBrightness(connection, &brightness, eVYRIX_STORAGE_CURRENT), 0u);
+    }
+    ASSERT_EQ(Vyrix_StopCapture(connection), 0u);
+    std::vector<std::string> directions;
+    for (const std::string& row : ReadBack(File("fork.pcap"))) directions.push_back(row.substr(2, 1));
+    EXPECT_EQ(directions, (std::vector<std::string>{"0", "1", "0", "1", "0", "1"}));
+    EXPECT_FALSE(FileExists(File("child.pcap")));
 }
 
 TEST_F(Capture, RefusalsSayWhyAndLeaveTheLinkAlone) {
