@@ -10,6 +10,7 @@
 #include <new>
 
 #include "LLC_Links.h"
+#include "LLC_NetAddress.h"
 #include "Vyrix_Internal.h"
 
 namespace {
@@ -34,8 +35,13 @@ bool ValidRecord(const Vyrix_ConnectionInfoS& info) {
 }
 
 // Two names of one serial device: the same path once symbolic links are
-// resolved (a name that does not resolve compares as written).
+// resolved (a name that does not resolve compares as written), or the same
+// server port of two network addresses, whatever their scheme.
 bool SamePath(const char* a, const char* b) {
+    CNetAddress urlA, urlB;
+    if (CNetAddress::Parse(a, &urlA) == CNetAddress::ePARSE_VALID &&
+        CNetAddress::Parse(b, &urlB) == CNetAddress::ePARSE_VALID)
+        return urlA.Endpoint() == urlB.Endpoint();
     char realA[PATH_MAX], realB[PATH_MAX];
     const char* left = realpath(a, realA) != nullptr ? realA : a;
     const char* right = realpath(b, realB) != nullptr ? realB : b;

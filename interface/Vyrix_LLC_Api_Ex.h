@@ -33,8 +33,10 @@
  * Environment (extensions).  VYRIX_RUNTIME_DIR, when set, names the
  * directory that holds the log and the lock files instead of /tmp (same file
  * names).  VYRIX_LOG chooses where log entries go: "file" (the default, the
- * files above), "stderr" (standard error) or "off" (no log).  A lock file
- * left by a process that died is taken over by the next open.
+ * files above), "stderr" (standard error) or "off" (no log).  VYRIX_LOG_TIME=1
+ * puts the local time (ISO 8601 with milliseconds) in front of every log
+ * line.  A lock file left by a process that died is taken over by the next
+ * open.
  *
  * Every function returns a result word; see vyrix_rc.h.  No exception leaves
  * any of them: an unexpected one becomes eVYRIX_FAILURE (0x01000000).

@@ -7,11 +7,12 @@ packages=(
   build-essential cmake ninja-build pkg-config binutils
   libusb-1.0-0-dev libbluetooth-dev libpcap-dev tshark
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-  nlohmann-json3-dev zlib1g-dev help2man
+  nlohmann-json3-dev zlib1g-dev man-db
   umockdev libumockdev-dev
   clang libclang-rt-14-dev clang-format valgrind
   dpkg-dev file lintian
-  python3 python3-pytest
+  python3 python3-pytest mypy
+  ser2net
 )
 
 missing=()

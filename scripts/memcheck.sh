@@ -27,3 +27,4 @@ run "$tests/api_link_tests" 'Connections.*:Handles.*:TwoDevices.*:Transport.Ever
 run "$tests/llc_tests" 'Llc.ReplyRoundTrip*:Llc.ResendRequestRepeats*:Llc.PacketsSharing*:Llc.RealPacketAfterNoise*:Llc.CloseFromAnotherThread*:Llc.CallbackMay*:Llc.Oversized*'
 run "$tests/fault_tests" 'Faulty.HangUpInTheMiddleOfAFirmwareUpgrade:Faulty.RepliesSplit*:Faulty.RandomBytes*'
 run "$tests/link_tests" 'Links.ThreadsSharing*:Links.CommandWaiting*:Links.Statistics*:Links.SecondDevice*:MessageQueue.*'
+run "$tests/net_tests" 'TelnetFilter.*:Schemes/Remote.FirmwareUpgrade*:Schemes/Remote.PayloadsOfIac*:Schemes/Remote.TwoLines*:Unreachable.*'

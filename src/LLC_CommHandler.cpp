@@ -5,6 +5,7 @@
 #include "LLC_BTPort.h"
 #include "LLC_CallbackDispatcher.h"
 #include "LLC_ForkGuard.h"
+#include "LLC_NetPort.h"
 #include "LLC_SPort.h"
 #include "LLC_UsbPort.h"
 
@@ -66,8 +67,10 @@ Vyrix_ReturnStatus CCommHandler::OpenPort(const char* pPortName, DWORD dwBaud) {
         LlcLog("<ERROR>%s: Invalid Arguments.\n", "OpenPort");
         return RC(eVYRIX_INVALID_ARGUMENT);
     }
-    return StartLink(new CSPort(pPortName, KT_VYRIX_BAUDRATE, 'n', 8, 1.0f),
-                     "<ERROR> %s :Error during OSAL open serial port\n", false);
+    // A URL names a line that a server on another host exports.
+    CPort* port = CNetAddress::IsUrl(pPortName) ? static_cast<CPort*>(new CNetPort(pPortName))
+                                                : new CSPort(pPortName, KT_VYRIX_BAUDRATE, 'n', 8, 1.0f);
+    return StartLink(port, "<ERROR> %s :Error during OSAL open serial port\n", false);
 }
 
 Vyrix_ReturnStatus CCommHandler::OpenPort(const char* m_uniqueID, const char* m_pass_Key) {

@@ -68,6 +68,27 @@ LogTarget ConfiguredTarget() {
     return LogTarget::kFile;
 }
 
+bool TimeStampsWanted() {
+    const char* value = getenv("VYRIX_LOG_TIME");
+    return value != nullptr && strcmp(value, "1") == 0;
+}
+
+// "2026-11-23T22:51:03.123+01:00 "
+constexpr size_t kTimeStampSize = sizeof "2026-11-23T22:51:03.123+01:00 ";
+bool FormatTimeStamp(char (&out)[kTimeStampSize]) {
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm local {};
+    if (localtime_r(&now.tv_sec, &local) == nullptr) return false;
+    char seconds[sizeof "2026-11-23T22:51:03"];
+    char zone[sizeof "+0100"];
+    if (strftime(seconds, sizeof seconds, "%Y-%m-%dT%H:%M:%S", &local) == 0 ||
+        strftime(zone, sizeof zone, "%z", &local) != 5)
+        return false;
+    const long millis = now.tv_nsec / 1000000;
+    return snprintf(out, sizeof out, "%s.%03ld%.3s:%s ", seconds, millis, zone, zone + 3) > 0;
+}
+
 FILE* StreamFor(int fd) {
     FILE* f = fdopen(fd, "a");
     if (f == nullptr) {
@@ -115,7 +136,13 @@ void RegisterForkHandlers() { pthread_atfork(PrepareFork, ParentAfterFork, Child
 const int g_forkHandlersAtLoad = pthread_once(&g_forkHandlersOnce, RegisterForkHandlers);
 }  // namespace
 
-CLogFile::CLogFile() : m_pFileHandle(nullptr), m_fd(-1), m_ownerPid(getpid()), m_writeLock() {
+CLogFile::CLogFile()
+    : m_pFileHandle(nullptr),
+      m_fd(-1),
+      m_ownerPid(getpid()),
+      m_stampLines(TimeStampsWanted()),
+      m_atLineStart(true),
+      m_writeLock() {
     pthread_mutex_init(&m_writeLock, nullptr);
     char name[kNameBufferSize];
     int fd = -1;
@@ -237,10 +264,20 @@ int CLogFile::genUniqueFilename(char* uniqueName, size_t size) {
     return static_cast<int>(strlen(uniqueName));
 }
 
+void CLogFile::WriteTimeStamp() {
+    char stamp[kTimeStampSize];
+    if (FormatTimeStamp(stamp)) fputs(stamp, m_pFileHandle);
+}
+
 void CLogFile::WriteLogFileEx(const char* fmt, va_list varParList) {
     if (fmt == nullptr) return;
     pthread_mutex_lock(&m_writeLock);
+    // Some entries leave their line open for the next one: the stamp goes
+    // where a line begins, never into the middle of one.
+    if (m_stampLines && m_atLineStart) WriteTimeStamp();
     vfprintf(m_pFileHandle, fmt, varParList);
+    const size_t length = strlen(fmt);
+    if (length > 0) m_atLineStart = fmt[length - 1] == '\n';
     pthread_mutex_unlock(&m_writeLock);
 }
 

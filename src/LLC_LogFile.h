@@ -3,7 +3,9 @@
 // lock, with a time-stamped file of its own for a process that finds the
 // shared file taken (kept for the rest of the process's life).
 // VYRIX_LOG=stderr sends the entries to standard error, VYRIX_LOG=off turns
-// the log off.  Safe across fork(): a child's copy never takes the parent's
+// the log off.  VYRIX_LOG_TIME=1 puts the local time (ISO 8601, with
+// milliseconds and the UTC offset) in front of every line; otherwise lines
+// are written exactly as logged.  Safe across fork(): a child's copy never takes the parent's
 // lock with it.
 #ifndef LLC_LOGFILE_H
 #define LLC_LOGFILE_H
@@ -43,10 +45,13 @@ private:
     void ReopenUniqueFile();
     void UseFile(int fd);
     bool OwnsStream() const;
+    void WriteTimeStamp();
 
     FILE* m_pFileHandle;
     int m_fd;  // the shared file, locked by m_ownerPid; -1 for other targets
     pid_t m_ownerPid;
+    bool m_stampLines;   // VYRIX_LOG_TIME=1
+    bool m_atLineStart;  // the last entry ended its line
     pthread_mutex_t m_writeLock;
     static CLogFile* m_pCLogInst;
 };

@@ -380,6 +380,33 @@ TEST_F(Log, VariableChoosesTheTarget) {
     }
 }
 
+// VYRIX_LOG_TIME=1 stamps each line where it begins (an entry may leave its
+// line open for the next); any other value leaves the entries as written.
+TEST_F(Log, TimeStampsOnlyWhenAskedAndOnlyAtLineStarts) {
+    const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2} ";
+    const struct {
+        const char* value;
+        std::string expected;  // a regular expression over the whole file
+    } cases[] = {
+        {"1", stamp + "<ERROR> Test: open line<INFO> Test: closed\n" + stamp + "<INFO> Test: next\n"},
+        {"0", "<ERROR> Test: open line<INFO> Test: closed\n<INFO> Test: next\n"},
+        {nullptr, "<ERROR> Test: open line<INFO> Test: closed\n<INFO> Test: next\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value == nullptr ? "unset" : c.value);
+        if (c.value != nullptr) setenv("VYRIX_LOG_TIME", c.value, 1);
+        LogStart();
+        KtWriteLogFile("<ERROR> %s: open line", "Test");
+        KtWriteLogFile("<INFO> %s: closed\n", "Test");
+        KtWriteLogFile("<INFO> %s: next\n", "Test");
+        LogEnd();
+        unsetenv("VYRIX_LOG_TIME");
+        const std::string text = vt::ReadFile(Shared());
+        EXPECT_TRUE(std::regex_match(text, std::regex(c.expected))) << text;
+        unlink(Shared().c_str());
+    }
+}
+
 TEST_F(Log, FileOfAnotherUserIsNotWritten) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to plant a file of another user";
     WriteFile(Shared(), "someone else's\n");

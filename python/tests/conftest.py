@@ -16,7 +16,8 @@ import pytest
 RUNTIME_DIR = tempfile.mkdtemp(prefix="vyrix-py-")
 os.environ["VYRIX_RUNTIME_DIR"] = RUNTIME_DIR
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
+PACKAGE_ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
+sys.path.insert(0, PACKAGE_ROOT)
 
 DEADLINE = 30  # seconds; generous, nothing here should take more than one
 SIM = os.environ.get("VYRIX_SIM") or shutil.which("vyrix-sim")
@@ -44,14 +45,17 @@ class Simulator:
         assert SIM, "vyrix-sim not found: set VYRIX_SIM"
         self.link = os.path.join(tempfile.mkdtemp(dir=RUNTIME_DIR), "sim")
         self.output = ""
-        self.proc = subprocess.Popen([SIM, "--link", self.link, *args], stdout=subprocess.PIPE, bufsize=0)
+        self.proc = subprocess.Popen(
+            [SIM, "--link", self.link, *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, bufsize=0
+        )
         self.wait_for("Try:")
 
-    def wait_for(self, text):
+    def wait_for(self, text, count=1):
+        """The output once text has appeared count times (--trace prints each packet)."""
         deadline = time.monotonic() + DEADLINE
         with selectors.DefaultSelector() as selector:
             selector.register(self.proc.stdout, selectors.EVENT_READ)
-            while text not in self.output:
+            while self.output.count(text) < count:
                 left = deadline - time.monotonic()
                 assert left > 0, "simulator never printed %r:\n%s" % (text, self.output)
                 if selector.select(left):

@@ -3,13 +3,18 @@
 import dataclasses
 import itertools
 import os
+import signal
+import subprocess
+import sys
 import tempfile
+import threading
+import time
 import zlib
 
 import pytest
 
 import vyrix
-from conftest import DEADLINE, RUNTIME_DIR, lock_file
+from conftest import DEADLINE, PACKAGE_ROOT, RUNTIME_DIR, lock_file
 
 
 def test_context_manager_closes_the_connection(simulator):
@@ -29,8 +34,85 @@ def test_context_manager_closes_the_connection(simulator):
 def test_close_without_context_manager(simulator):
     sim = simulator()
     dev = vyrix.open_uart(sim.link)
+    assert repr(dev) == "<vyrix.Device uart %r open>" % sim.link
     dev.close()
     assert lock_file(sim.link) is None
+    assert repr(dev) == "<vyrix.Device uart %r closed>" % sim.link
+
+
+def test_a_dropped_device_releases_the_port(simulator):
+    sim = simulator()
+    dev = vyrix.open_uart(sim.link)
+    dev.get_brightness()
+    del dev
+    assert lock_file(sim.link) is None
+    with vyrix.open_uart(sim.link) as again:
+        again.get_brightness()
+
+
+def test_time_out(simulator):
+    sim = simulator("--silent-every", "2")
+    with vyrix.open_uart(sim.link, timeout=DEADLINE) as dev:
+        assert dev.timeout == DEADLINE
+        dev.get_brightness()
+        dev.timeout = 0.2
+        started = time.monotonic()
+        with pytest.raises(TimeoutError) as error:
+            dev.get_brightness()  # the device leaves this one unanswered
+        assert time.monotonic() - started >= 0.2
+        assert type(error.value) is vyrix.Incomplete and error.value.code == 0x07000000
+        dev.timeout = None  # the library's default
+        assert dev.timeout is None
+        dev.get_brightness()
+
+
+def interrupt_when(sim, packets):
+    """SIGINT to this process once the simulator has received that many packets; the time it was sent."""
+    sent = []
+
+    def watch():
+        sim.wait_for("host ->", packets)
+        sent.append(time.monotonic())
+        os.kill(os.getpid(), signal.SIGINT)
+
+    watcher = threading.Thread(target=watch)
+    watcher.start()
+    return watcher, sent
+
+
+def test_interrupt_leaves_the_connection_usable(simulator):
+    sim = simulator("--silent-every", "2", "--trace")
+    timeout = 2.0
+    with vyrix.open_uart(sim.link, timeout=timeout) as dev:
+        dev.set_brightness(40)
+        watcher, sent = interrupt_when(sim, 2)
+        with pytest.raises(KeyboardInterrupt):
+            dev.get_brightness()  # unanswered: only the interrupt ends the wait
+        interrupted = time.monotonic()
+        watcher.join()
+        assert interrupted - sent[0] < 0.5 < timeout
+        # The next command waits for the interrupted one to time out, then
+        # gets its own reply.
+        assert dev.get_brightness() == 40
+        assert dev.statistics().packets_sent == 3
+
+
+@pytest.mark.parametrize("ending", ["exit", "interrupt"])
+def test_the_interpreter_closes_what_is_open_on_exit(simulator, ending):
+    sim = simulator("--silent-every", "2", "--trace")
+    script = "import sys, vyrix\nd = vyrix.open_uart(sys.argv[1])\nd.get_brightness()\nprint('open', flush=True)\n"
+    if ending == "interrupt":
+        script += "d.get_brightness()\n"  # unanswered
+    environment = dict(os.environ, PYTHONPATH=PACKAGE_ROOT)
+    child = subprocess.Popen([sys.executable, "-c", script, sim.link], stdout=subprocess.PIPE, env=environment)
+    assert child.stdout.readline() == b"open\n"
+    if ending == "interrupt":
+        sim.wait_for("host ->", 2)
+        child.send_signal(signal.SIGINT)
+    assert child.wait(DEADLINE) == {"exit": 0, "interrupt": -signal.SIGINT}[ending]
+    child.stdout.close()
+    assert lock_file(sim.link) is None
+    vyrix.open_uart(sim.link).close()
 
 
 def test_missing_device_path():
@@ -87,7 +169,7 @@ def test_upgrade_with_progress(simulator, tmp_path, as_path):
         dev.upgrade_software(source, progress=lambda sent, total: progress.append((sent, total)))
         status = dev.get_system_status()
     assert progress == [(4000, 9001), (8000, 9001), (9001, 9001)]
-    assert (status.status_word6, status.status_word7) == (9001, zlib.crc32(image))
+    assert status.words[5:] == (9001, zlib.crc32(image))  # bytes received, their crc32
     sim.wait_for("9001 bytes in 3 chunks, crc32 %08X" % zlib.crc32(image))
 
 

@@ -30,6 +30,7 @@ ROUND_TRIPS = [
     ("color_mode", (), -3),
     ("gamma", (1,), 1.0),
     ("gamma", (2,), 2.5),
+    ("gamma", (0,), 2.2),  # a 32-bit float comes back as the decimal it means
     ("video_gamma_boost_mode", (2,), 1),
     ("micro_weave_mode", (), 0),
     ("flip_state", (), 3),
@@ -69,19 +70,28 @@ def test_video_properties(dev):
 
 def test_system_info(dev):
     info = dev.get_system_info()
-    assert isinstance(info, vyrix.SystemInfo)
-    assert (info.info_text, info.info_word2, info.info_word3) == ("VYRIX-LSE-SIM-01", 0x00A1B2C3, 3)
+    assert info == vyrix.SystemInfo("VYRIX-LSE-SIM-01", "1.0", "00A1B2C3", 3, info.uptime_s, info.words)
+    assert info.words[:3] == (0x00010000, 0x00A1B2C3, 3)
+
+
+def test_system_status(dev):
+    status = dev.get_system_status()
+    handled = dev.statistics().packets_sent  # the simulator counts every command, this one included
+    temperature = round(41.5 + (handled % 10) * 0.1, 1)  # what the simulator reports, in its 32-bit float
+    assert status == vyrix.SystemStatus(1, 0, temperature, 0, handled, status.words)
+    assert status.words[:4] == (1, 0, 0, handled)
 
 
 def test_test_pattern_shows_in_status_and_event_log(dev):
     dev.draw_test_pattern(3, 7, 9)
-    status = dev.get_system_status()
-    assert isinstance(status, vyrix.SystemStatus)
-    assert (status.status_word1, status.status_word5) == (1, 3)
+    assert dev.get_system_status().words[4] == 3
     newest, older = dev.get_event_log(2)
-    assert (newest.field1, newest.field4, newest.field5) == (4, 3, 45)  # test pattern 3, opcode 45
-    assert newest.field2 == older.field2 + 1  # sequence numbers, newest first
+    assert (newest.event, newest.code, newest.detail, newest.opcode) == ("test pattern", 4, 3, 45)
+    assert newest.seq == older.seq + 1  # newest first
     assert dev.get_event_log(0) == []
+    everything = dev.get_event_log(255)  # more than the device holds: the empty slots are left out
+    assert [e.seq for e in everything] == list(range(newest.seq, 0, -1))
+    assert everything[-1].event == "power on"
 
 
 @pytest.mark.parametrize(
@@ -94,6 +104,8 @@ def test_test_pattern_shows_in_status_and_event_log(dev):
         lambda d: d.draw_test_pattern(5),
         lambda d: d.get_event_log(256),
         lambda d: d.upgrade_software(b""),
+        lambda d: setattr(d, "timeout", 0),
+        lambda d: vyrix.open_uart("/nonexistent/tty", timeout=float("nan")),
     ],
 )
 def test_invalid_arguments(dev, call):
@@ -101,6 +113,34 @@ def test_invalid_arguments(dev, call):
         call(dev)
     assert error.value.code == 0x05000000
     assert isinstance(error.value, ValueError)
+
+
+WRONG_TYPES = [
+    lambda d: d.set_brightness("50"),
+    lambda d: d.set_brightness(50.0),
+    lambda d: d.set_brightness(50, "current"),
+    lambda d: d.set_gamma(0, "2.2"),
+    lambda d: d.get_color_converter(index=None),
+    lambda d: d.get_event_log(2.0),
+    lambda d: d.set_frame_rate_mode("2, 30, 0"),
+    lambda d: d.set_frame_rate_mode((2.5,)),
+    lambda d: d.upgrade_software(4000),
+    lambda d: d.upgrade_software(b"image", progress="yes"),
+    lambda d: setattr(d, "timeout", "10"),
+    lambda d: next(d.messages(timeout="1")),
+    lambda d: vyrix.open_uart(None),
+    lambda d: vyrix.open_uart("/nonexistent/tty", flow_control="none"),
+    lambda d: vyrix.open_uart("/nonexistent/tty", timeout="10"),
+    lambda d: vyrix.open_usb(4),
+]
+
+
+@pytest.mark.parametrize("call", WRONG_TYPES)
+def test_wrong_argument_types_are_refused_before_sending(dev, call):
+    sent = dev.statistics().packets_sent
+    with pytest.raises(TypeError):
+        call(dev)
+    assert dev.statistics().packets_sent == sent
 
 
 def test_second_connection_to_the_same_port(sim, dev):

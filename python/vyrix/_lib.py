@@ -6,16 +6,20 @@ package is installed in), then through the system loader.  It is opened with
 Vyrix_OpenLibrary on first use and closed when the process exits.
 """
 
+from __future__ import annotations
+
 import atexit
 import ctypes
 import os
 import queue
 import threading
 from ctypes import POINTER, c_char_p, c_float, c_int16, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_void_p
+from typing import Any, Callable, Dict, List, Optional, Sequence, Set, Tuple, Type
 
 from . import errors
 from ._records import (
     BTHConnectionInfo,
+    ConnectionInfo,
     EventLogEntry,
     FrameRate,
     LibraryInfo,
@@ -31,8 +35,11 @@ from ._records import (
 LIBRARY_NAME = "libVyrix_Api.so.1"
 MAX_PAYLOAD = 4095
 
+# (source, destination, priority, protocol, payload) of an unprompted message
+MessageItem = Tuple[int, int, int, int, bytes]
+
 _h = c_void_p
-_PROTOTYPES = {
+_PROTOTYPES: Dict[str, Tuple[Any, ...]] = {
     "Vyrix_OpenLibrary": (POINTER(c_void_p),),
     "Vyrix_GetLibraryInfo": (_h, POINTER(LibraryInfo)),
     "Vyrix_CloseLibrary": (_h,),
@@ -79,13 +86,14 @@ _PROTOTYPES = {
 
 # Functions that older builds of the library lack: declared when present;
 # calling one that is absent raises NotSupported.
-_OPTIONAL_PROTOTYPES = {
+_OPTIONAL_PROTOTYPES: Dict[str, Tuple[Any, ...]] = {
     "Vyrix_GetLinkStatistics": (_h, POINTER(LinkStatistics)),
+    "Vyrix_SetReplyTimeout": (_h, c_uint),
 }
 
 # Vyrix_OpenConnection takes the connection record by value; one prototype
 # per transport record (see _records).
-_OPEN_CONNECTION = {
+_OPEN_CONNECTION: Dict[Type[ctypes.Structure], Any] = {
     info: ctypes.CFUNCTYPE(c_uint32, c_void_p, POINTER(c_void_p), info)
     for info in (UartConnectionInfo, USBConnectionInfo, BTHConnectionInfo)
 }
@@ -95,7 +103,7 @@ EVENT_CALLBACK = ctypes.CFUNCTYPE(c_uint32, c_void_p)
 _INT_TYPES = (c_uint8, c_uint16, c_uint32, c_int16, c_int32, c_uint)
 
 
-def _bounds(ctype):
+def _bounds(ctype: Any) -> Tuple[int, int]:
     bits = 8 * ctypes.sizeof(ctype)
     if ctype(-1).value < 0:
         return -(1 << (bits - 1)), (1 << (bits - 1)) - 1
@@ -105,54 +113,63 @@ def _bounds(ctype):
 _BOUNDS = {t: _bounds(t) for t in _INT_TYPES}
 
 
-def _candidates():
+def _candidates() -> List[Tuple[str, str]]:
+    """(what to load, where that is) in the order they are tried."""
     explicit = os.environ.get("VYRIX_LIBRARY")
     if explicit:
-        return [explicit]
+        return [(explicit, "VYRIX_LIBRARY=" + explicit)]
     here = os.path.dirname(os.path.abspath(__file__))
     # <prefix>/lib/python3/dist-packages/vyrix -> <prefix>/lib
     tree_lib = os.path.normpath(os.path.join(here, os.pardir, os.pardir, os.pardir))
     local = [os.path.join(d, LIBRARY_NAME) for d in (here, tree_lib)]
-    return [p for p in local if os.path.exists(p)] + [LIBRARY_NAME]
+    return [(p, p) for p in local] + [(LIBRARY_NAME, "the system loader's path (ld.so.conf, LD_LIBRARY_PATH)")]
 
 
-def _load():
-    failures = []
-    for candidate in _candidates():
+def _load() -> ctypes.CDLL:
+    tried = []
+    for candidate, place in _candidates():
+        if os.sep in candidate and not os.path.exists(candidate):
+            tried.append(place + ": no such file")
+            continue
         try:
             return ctypes.CDLL(candidate)
         except OSError as e:
-            failures.append(str(e))
-    raise OSError("cannot load %s: %s" % (LIBRARY_NAME, "; ".join(failures)))
+            tried.append("%s: %s" % (place, e))
+    raise OSError(
+        "cannot load %s; tried %s.  Set VYRIX_LIBRARY to the path of %s"
+        % (LIBRARY_NAME, "; ".join(tried), LIBRARY_NAME)
+    )
+
+
+def _declare(function: Any, argtypes: Sequence[Any]) -> None:
+    function.argtypes = argtypes
+    function.restype = c_uint32
 
 
 class _Library:
-    """The loaded library, its open handle and the unprompted-message queue."""
+    """The loaded library, its open handle and the unprompted-message queues."""
 
-    def __init__(self):
+    def __init__(self) -> None:
         self.dll = _load()
         for name, argtypes in _PROTOTYPES.items():
-            function = getattr(self.dll, name)
-            function.argtypes = argtypes
-            function.restype = c_uint32
-        self.missing = set()
+            _declare(getattr(self.dll, name), argtypes)
+        self.missing: Set[str] = set()
         for name, argtypes in _OPTIONAL_PROTOTYPES.items():
             function = getattr(self.dll, name, None)
             if function is None:
                 self.missing.add(name)
-                continue
-            function.argtypes = argtypes
-            function.restype = c_uint32
+            else:
+                _declare(function, argtypes)
         self._open_connection = {
             info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()
         }
         self._describe_results()
         handle = c_void_p()
         errors.check(self.dll.Vyrix_OpenLibrary(ctypes.byref(handle)), "Vyrix_OpenLibrary")
-        self.handle = handle.value
+        self.handle: Optional[int] = handle.value
         self.open = True
-        self.messages = queue.Queue(maxsize=1024)  # messages of any connection
-        self._queues = {}  # connection handle -> its own messages
+        self.messages: queue.Queue[MessageItem] = queue.Queue(maxsize=1024)  # messages of any connection
+        self._queues: Dict[int, queue.Queue[MessageItem]] = {}  # connection handle -> its own messages
         self._queues_lock = threading.Lock()
         self._take = getattr(self.dll, "Vyrix_TakeUnpromptedMessage", None)
         if self._take is not None:
@@ -161,11 +178,10 @@ class _Library:
         # Kept for the life of the process: the library may call it until
         # the last port is closed.
         self._callback = EVENT_CALLBACK(self._on_event)
-        self.dll.KtRegisterCallback.argtypes = (EVENT_CALLBACK,)
-        self.dll.KtRegisterCallback.restype = c_uint32
+        _declare(self.dll.KtRegisterCallback, (EVENT_CALLBACK,))
         errors.check(self.dll.KtRegisterCallback(self._callback), "KtRegisterCallback")
 
-    def _describe_results(self):
+    def _describe_results(self) -> None:
         for name, setter in (
             ("Vyrix_GetResultName", "_library_name"),
             ("Vyrix_GetResultDescription", "_library_description"),
@@ -175,10 +191,14 @@ class _Library:
                 continue
             function.argtypes = (c_uint32,)
             function.restype = c_char_p
-            setattr(errors, setter, lambda word, f=function: (f(word) or b"").decode(errors="replace") or None)
+            setattr(errors, setter, _describer(function))
 
-    def call(self, name, *args):
-        """Call a declared function after checking that integers fit their C types."""
+    def has(self, name: str) -> bool:
+        """Whether this build of the library exports the function."""
+        return name not in self.missing
+
+    def call(self, name: str, *args: Any) -> int:
+        """Call a declared function after checking that integers fit their C types; its result word."""
         if name in self.missing:
             raise errors.NotSupported(errors.ResultCode.NOT_SUPPORTED.result, name + ": not in this library build")
         function = getattr(self.dll, name)
@@ -188,27 +208,39 @@ class _Library:
                 raise errors.InvalidArgument(
                     errors.ResultCode.INVALID_ARGUMENT.result, "%s: %d does not fit %s" % (name, value, ctype.__name__)
                 )
-        return function(*args)
+        return int(function(*args))
 
-    def open_connection(self, info):
+    def open_connection(self, info: ConnectionInfo) -> int:
+        """Open a connection from its record; the connection handle."""
         handle = c_void_p()
         open_connection = self._open_connection[type(info)]
         errors.check(open_connection(self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
+        assert handle.value is not None
         return handle.value
 
-    def message_queue(self, handle):
+    def close_connection(self, handle: int) -> int:
+        """Close a connection (nothing once the library is closed); the result word."""
+        result = 0
+        if self.open:
+            result = self.call("Vyrix_CloseConnection", handle)
+        if result == 0:
+            self.forget(handle)
+        return result
+
+    def message_queue(self, handle: int) -> queue.Queue[MessageItem]:
         """The queue of one connection's messages (created on first use)."""
         with self._queues_lock:
             if self._take is None:
                 return self.messages  # a library that cannot tell connections apart
             return self._queues.setdefault(handle, queue.Queue(maxsize=1024))
 
-    def forget(self, handle):
+    def forget(self, handle: int) -> None:
+        """Drop a closed connection's message queue."""
         with self._queues_lock:
             self._queues.pop(handle, None)
 
     @staticmethod
-    def _put(target, item):
+    def _put(target: queue.Queue[MessageItem], item: MessageItem) -> None:
         while True:
             try:
                 target.put_nowait(item)
@@ -219,7 +251,7 @@ class _Library:
                 except queue.Empty:
                     pass
 
-    def _on_event(self, _unused):
+    def _on_event(self, _unused: Optional[int]) -> int:
         # Runs on the library's callback thread: take every queued message,
         # each connection's into its own queue.
         try:
@@ -244,17 +276,26 @@ class _Library:
         except Exception:  # never into the library's thread
             return errors.ResultCode.FAILURE.result
 
-    def close(self):
+    def close(self) -> None:
+        """Close the library and with it every connection still open."""
         if self.open:
             self.open = False
             self.dll.Vyrix_CloseLibrary(self.handle)
 
 
-_library = None
+def _describer(function: Any) -> Callable[[int], Optional[str]]:
+    def describe(word: int) -> Optional[str]:
+        text: Optional[bytes] = function(word)
+        return (text or b"").decode(errors="replace") or None
+
+    return describe
+
+
+_library: Optional[_Library] = None
 _lock = threading.Lock()
 
 
-def library():
+def library() -> _Library:
     """The process's open library, loaded and opened on first use."""
     global _library
     with _lock:

@@ -5,8 +5,11 @@ layout test can compare sizes and offsets with the compiler's.  Fields whose
 name starts with '_' are padding of our own.
 """
 
+from __future__ import annotations
+
 import ctypes
 from ctypes import c_char, c_char_p, c_float, c_int32, c_uint, c_uint8, c_uint16, c_uint32, c_uint64
+from typing import Any, List, Tuple
 
 
 class LibraryInfo(ctypes.Structure):
@@ -36,22 +39,30 @@ class BTHInfo(ctypes.Structure):
 _UNION_SIZE = max(ctypes.sizeof(UartInfo), ctypes.sizeof(USBInfo), ctypes.sizeof(BTHInfo))
 
 
-def _connection_info(member, record):
-    class ConnectionInfo(ctypes.Structure):
-        _c_name_ = "Vyrix_ConnectionInfoS"
-        _fields_ = [
-            ("connectionType", c_int32),
-            (member, record),
-            ("_pad", c_uint8 * (_UNION_SIZE - ctypes.sizeof(record))),
-        ]
-
-    ConnectionInfo.__name__ = ConnectionInfo.__qualname__ = record.__name__ + "ConnectionInfo"
-    return ConnectionInfo
+def _connection_fields(member: str, record: Any) -> List[Tuple[str, Any]]:
+    return [
+        ("connectionType", c_int32),
+        (member, record),
+        ("_pad", c_uint8 * (_UNION_SIZE - ctypes.sizeof(record))),
+    ]
 
 
-UartConnectionInfo = _connection_info("uartInfo", UartInfo)
-USBConnectionInfo = _connection_info("usbInfo", USBInfo)
-BTHConnectionInfo = _connection_info("bthInfo", BTHInfo)
+class ConnectionInfo(ctypes.Structure):
+    """What the three transport records below have in common: the C type they stand for."""
+
+    _c_name_ = "Vyrix_ConnectionInfoS"
+
+
+class UartConnectionInfo(ConnectionInfo):
+    _fields_ = _connection_fields("uartInfo", UartInfo)
+
+
+class USBConnectionInfo(ConnectionInfo):
+    _fields_ = _connection_fields("usbInfo", USBInfo)
+
+
+class BTHConnectionInfo(ConnectionInfo):
+    _fields_ = _connection_fields("bthInfo", BTHInfo)
 
 
 class VideoProperties(ctypes.Structure):

@@ -4,9 +4,17 @@ Every library function returns a 32-bit result word.  A word made by the
 library holds a ResultCode in bits 24..31 and zeros below; a device may also
 report a status word of its own, which reaches the application unchanged.
 check() turns a non-zero word into the matching VyrixError subclass.
+
+Some subclasses are also built-in exceptions, so that code written for any
+I/O library catches them: NotConnected is a ConnectionError, Timeout and
+Incomplete (a reply that did not come in time) are TimeoutErrors,
+InvalidArgument is a ValueError.
 """
 
+from __future__ import annotations
+
 import enum
+from typing import Callable, ClassVar, Dict, List, Optional, Tuple, Type
 
 
 class ResultCode(enum.IntEnum):
@@ -43,9 +51,9 @@ class ResultCode(enum.IntEnum):
     RECONNECT_FAILED = 28
 
     @property
-    def result(self):
+    def result(self) -> int:
         """The result word that carries this code."""
-        return self << 24
+        return int(self) << 24
 
 
 _DESCRIPTIONS = {
@@ -66,11 +74,11 @@ _DESCRIPTIONS = {
 
 # Set by the loader when the library exports its own names and descriptions:
 # functions from a result word to text (or None).
-_library_name = None
-_library_description = None
+_library_name: Optional[Callable[[int], Optional[str]]] = None
+_library_description: Optional[Callable[[int], Optional[str]]] = None
 
 
-def code_of(word):
+def code_of(word: int) -> Optional[ResultCode]:
     """The ResultCode of a result word, or None for a device status word."""
     code = word >> 24
     if word & 0x00FFFFFF or code >= len(ResultCode):
@@ -78,7 +86,7 @@ def code_of(word):
     return ResultCode(code)
 
 
-def result_name(word):
+def result_name(word: int) -> str:
     """'eVYRIX_INVALID_ARGUMENT' for a library code, else 'device status 0x...'."""
     name = _library_name(word) if _library_name else None
     if name:
@@ -87,7 +95,8 @@ def result_name(word):
     return "eVYRIX_" + code.name if code is not None else "device status 0x%08X" % word
 
 
-def result_description(word):
+def result_description(word: int) -> str:
+    """What a result word means, in a few words ('' when nothing is known)."""
     text = _library_description(word) if _library_description else None
     if text:
         return text
@@ -98,11 +107,11 @@ def result_description(word):
 
 
 class VyrixError(Exception):
-    """A failed library call; .code is the 32-bit result word."""
+    """A failed library call; .code is the 32-bit result word, .what the call."""
 
-    result_code = None  # the ResultCode of the subclass
+    result_code: ClassVar[Optional[ResultCode]] = None  # the ResultCode of the subclass
 
-    def __init__(self, code, what=None):
+    def __init__(self, code: int, what: Optional[str] = None) -> None:
         self.code = code
         self.what = what
         text = result_name(code)
@@ -115,56 +124,123 @@ class VyrixError(Exception):
             text = "%s: %s" % (what, text)
         super().__init__(text)
 
+    def __reduce__(self) -> Tuple[Type[VyrixError], Tuple[int, Optional[str]]]:
+        # The message is made from the code: pickle what makes it.
+        return (type(self), (self.code, self.what))
+
 
 class DeviceStatus(VyrixError):
     """A status word the device reported that is not one of the library's codes."""
 
 
-class Failure(VyrixError): result_code = ResultCode.FAILURE
-class NotSupported(VyrixError): result_code = ResultCode.NOT_SUPPORTED
-class Timeout(VyrixError): result_code = ResultCode.TIMEOUT
-class Uninitialized(VyrixError): result_code = ResultCode.UNINITIALIZED
-class InvalidArgument(VyrixError, ValueError): result_code = ResultCode.INVALID_ARGUMENT
-class InitFailure(VyrixError): result_code = ResultCode.INIT_FAILURE
-class Incomplete(VyrixError): result_code = ResultCode.INCOMPLETE
+# fmt: off
+class Failure(VyrixError):
+    """0x01000000: a lock, allocation, reply check or close failed."""
+    result_code = ResultCode.FAILURE
+class NotSupported(VyrixError):
+    """0x02000000: the library does not carry out this operation."""
+    result_code = ResultCode.NOT_SUPPORTED
+class Timeout(VyrixError, TimeoutError):
+    """0x03000000: a USB transfer timed out."""
+    result_code = ResultCode.TIMEOUT
+class Uninitialized(VyrixError):
+    """0x04000000: the library is not open."""
+    result_code = ResultCode.UNINITIALIZED
+class InvalidArgument(VyrixError, ValueError):
+    """0x05000000: an argument is missing or out of range; nothing was sent."""
+    result_code = ResultCode.INVALID_ARGUMENT
+class InitFailure(VyrixError):
+    """0x06000000, reported by a device."""
+    result_code = ResultCode.INIT_FAILURE
+class Incomplete(VyrixError, TimeoutError):
+    """0x07000000: no reply within the connection's time-out (Device.timeout)."""
+    result_code = ResultCode.INCOMPLETE
 # Not "NotImplemented": that would shadow the built-in constant on import *.
-class NotImplementedOnDevice(VyrixError): result_code = ResultCode.NOT_IMPLEMENTED
-class InternalError(VyrixError): result_code = ResultCode.INTERNAL_ERROR
-class DeviceError(VyrixError): result_code = ResultCode.DEVICE_ERROR
-class ResourceBusy(VyrixError): result_code = ResultCode.RESOURCE_BUSY
-class ResourceFull(VyrixError): result_code = ResultCode.RESOURCE_FULL
-class InvalidChecksum(VyrixError): result_code = ResultCode.INVALID_CHECKSUM
-class InvalidData(VyrixError): result_code = ResultCode.INVALID_DATA
-class InvalidContext(VyrixError): result_code = ResultCode.INVALID_CONTEXT
-class ArgumentOutOfRange(VyrixError): result_code = ResultCode.ARGUMENT_OUT_OF_RANGE
-class InvalidCallState(VyrixError): result_code = ResultCode.INVALID_CALL_STATE
-class ConditionsNotCorrect(VyrixError): result_code = ResultCode.CONDITIONS_NOT_CORRECT
-class NoMoreResources(VyrixError): result_code = ResultCode.NO_MORE_RESOURCES
-class OsError(VyrixError): result_code = ResultCode.OS_ERROR
-class Empty(VyrixError): result_code = ResultCode.EMPTY
-class NotConnected(VyrixError): result_code = ResultCode.NOT_CONNECTED
-class CommunicationError(VyrixError): result_code = ResultCode.COMMUNICATION_ERROR
-class AlreadyOpened(VyrixError): result_code = ResultCode.ALREADY_OPENED
-class BthDisabled(VyrixError): result_code = ResultCode.BTH_DISABLED
-class PayloadTooLarge(VyrixError): result_code = ResultCode.PAYLOAD_TOO_LARGE
-class Retry(VyrixError): result_code = ResultCode.RETRY
-class ReconnectFailed(VyrixError): result_code = ResultCode.RECONNECT_FAILED
+class NotImplementedOnDevice(VyrixError):
+    """0x08000000, reported by a device."""
+    result_code = ResultCode.NOT_IMPLEMENTED
+class InternalError(VyrixError):
+    """0x09000000: the library caught an unexpected exception."""
+    result_code = ResultCode.INTERNAL_ERROR
+class DeviceError(VyrixError):
+    """0x0A000000, reported by a device."""
+    result_code = ResultCode.DEVICE_ERROR
+class ResourceBusy(VyrixError):
+    """0x0B000000, reported by a device."""
+    result_code = ResultCode.RESOURCE_BUSY
+class ResourceFull(VyrixError):
+    """0x0C000000, reported by a device."""
+    result_code = ResultCode.RESOURCE_FULL
+class InvalidChecksum(VyrixError):
+    """0x0D000000, reported by a device."""
+    result_code = ResultCode.INVALID_CHECKSUM
+class InvalidData(VyrixError):
+    """0x0E000000, reported by a device (a command it could not read)."""
+    result_code = ResultCode.INVALID_DATA
+class InvalidContext(VyrixError):
+    """0x0F000000, reported by a device."""
+    result_code = ResultCode.INVALID_CONTEXT
+class ArgumentOutOfRange(VyrixError):
+    """0x10000000, reported by a device."""
+    result_code = ResultCode.ARGUMENT_OUT_OF_RANGE
+class InvalidCallState(VyrixError):
+    """0x11000000, reported by a device (e.g. an upgrade chunk out of turn)."""
+    result_code = ResultCode.INVALID_CALL_STATE
+class ConditionsNotCorrect(VyrixError):
+    """0x12000000, reported by a device."""
+    result_code = ResultCode.CONDITIONS_NOT_CORRECT
+class NoMoreResources(VyrixError):
+    """0x13000000, reported by a device."""
+    result_code = ResultCode.NO_MORE_RESOURCES
+class OsError(VyrixError):
+    """0x14000000, reported by a device."""
+    result_code = ResultCode.OS_ERROR
+class Empty(VyrixError):
+    """0x15000000, reported by a device."""
+    result_code = ResultCode.EMPTY
+class NotConnected(VyrixError, ConnectionError):
+    """0x16000000: no port open, the connection is closed, or the device went away."""
+    result_code = ResultCode.NOT_CONNECTED
+class CommunicationError(VyrixError):
+    """0x17000000: the device answered with an error reply."""
+    result_code = ResultCode.COMMUNICATION_ERROR
+class AlreadyOpened(VyrixError):
+    """0x18000000: the device, its port or the library is open already."""
+    result_code = ResultCode.ALREADY_OPENED
+class BthDisabled(VyrixError):
+    """0x19000000: the host has no usable Bluetooth adapter."""
+    result_code = ResultCode.BTH_DISABLED
+class PayloadTooLarge(VyrixError):
+    """0x1A000000: a payload or buffer exceeds 4095 bytes."""
+    result_code = ResultCode.PAYLOAD_TOO_LARGE
+class Retry(VyrixError):
+    """0x1B000000: the device kept asking for a resend."""
+    result_code = ResultCode.RETRY
+class ReconnectFailed(VyrixError):
+    """0x1C000000: a lost device could not be reached again."""
+    result_code = ResultCode.RECONNECT_FAILED
+# fmt: on
 
 
-ERROR_CLASSES = {cls.result_code: cls for cls in VyrixError.__subclasses__() if cls.result_code is not None}
+ERROR_CLASSES: Dict[ResultCode, Type[VyrixError]] = {
+    cls.result_code: cls for cls in VyrixError.__subclasses__() if cls.result_code is not None
+}
 
 
-def error_for(word, what=None):
+def error_for(word: int, what: Optional[str] = None) -> VyrixError:
     """The exception for a non-zero result word."""
     code = code_of(word)
-    return ERROR_CLASSES.get(code, DeviceStatus)(word, what)
+    cls: Type[VyrixError] = DeviceStatus
+    if code is not None:
+        cls = ERROR_CLASSES.get(code, DeviceStatus)
+    return cls(word, what)
 
 
-def check(word, what=None):
+def check(word: int, what: Optional[str] = None) -> None:
     """Raise the matching VyrixError unless the result word is 0."""
     if word:
         raise error_for(word, what)
 
 
-__all__ = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"]
+__all__: List[str] = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"]
 __all__ += [c.__name__ for c in ERROR_CLASSES.values()]

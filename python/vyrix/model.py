@@ -1,7 +1,18 @@
-"""Enumerations and the plain records the device methods return."""
+"""Enumerations and the plain records the device methods return.
 
+The records of the device's identity, status and event log carry the names
+and units that `vyrixctl --json` prints.  A 32-bit float from the device
+comes back as the shortest decimal that reads back as the same 32-bit value
+(2.2, not 2.200000047683716).
+"""
+
+from __future__ import annotations
+
+import ctypes
 import dataclasses
 import enum
+import math
+from typing import Dict, Optional, Tuple, Type, TypeVar, Union
 
 
 class Storage(enum.IntEnum):
@@ -13,12 +24,16 @@ class Storage(enum.IntEnum):
 
 
 class ConnectionType(enum.IntEnum):
+    """The transport of a connection."""
+
     UART = 0
     USB = 1
     BTH = 2
 
 
 class DeviceId(enum.IntEnum):
+    """Addresses on the link: who sent a message, and to whom."""
+
     EP_DEVICE = 0
     RESERVED = 1
     HOST_DEVICE = 2
@@ -27,19 +42,56 @@ class DeviceId(enum.IntEnum):
 
 
 class Protocol(enum.IntEnum):
+    """How a message travels: unprompted, or as a command's reply."""
+
     CONNECTIONLESS = 0
     CONNECTION_ORIENTED = 1
 
 
-def _enum_or_int(enum_type, value):
+_E = TypeVar("_E", bound=enum.IntEnum)
+
+
+def _enum_or_int(enum_type: Type[_E], value: int) -> Union[_E, int]:
     try:
         return enum_type(value)
     except ValueError:
         return value
 
 
+def single(value: float) -> float:
+    """value as a 32-bit float means it: the shortest decimal that reads back as the same 32-bit float."""
+    exact = ctypes.c_float(value).value
+    if not math.isfinite(exact):
+        return exact
+    for digits in range(1, 10):  # 9 significant digits always read back
+        shortest = float("%.*g" % (digits, exact))
+        if ctypes.c_float(shortest).value == exact:
+            return shortest
+    return exact
+
+
+# The device's event codes, named as vyrixctl names them.
+EVENT_NAMES: Dict[int, str] = {
+    1: "power on",
+    2: "commit",
+    3: "factory restore",
+    4: "test pattern",
+    5: "upgrade chunk",
+    6: "upgrade done",
+    7: "setting changed",
+    8: "bad command",
+}
+
+
+def event_name(code: int) -> str:
+    """The name of an event code ('commit'), or 'event N' for a code without one."""
+    return EVENT_NAMES.get(code, "event %d" % code)
+
+
 @dataclasses.dataclass(frozen=True)
 class LibraryInfo:
+    """The version of the loaded library."""
+
     major: int
     minor: int
     revision: int
@@ -48,6 +100,8 @@ class LibraryInfo:
 
 @dataclasses.dataclass(frozen=True)
 class VideoProperties:
+    """A video format: size in pixels and frames per second."""
+
     width: int
     height: int
     frame_rate: float
@@ -55,6 +109,8 @@ class VideoProperties:
 
 @dataclasses.dataclass(frozen=True)
 class FrameRate:
+    """The frame rate mode (0..2) and its two parameters, which the device defines."""
+
     mode: int
     param1: int = 0
     param2: int = 0
@@ -62,36 +118,61 @@ class FrameRate:
 
 @dataclasses.dataclass(frozen=True)
 class SystemInfo:
-    info_text: str
-    info_word1: int
-    info_word2: int
-    info_word3: int
-    info_word4: int
-    info_word5: int
-    info_word6: int
-    info_word7: int
+    """The device's identity (Device.get_system_info)."""
+
+    device: str  # the device's name text, at most 16 characters
+    firmware: str  # "major.minor" (info word 1: major in the high 16 bits)
+    serial: str  # serial number, 8 hexadecimal digits (info word 2)
+    hardware: int  # hardware revision (info word 3)
+    uptime_s: int  # seconds since power-on (info word 4)
+    words: Tuple[int, ...]  # the seven info words as the device sent them
+
+    @classmethod
+    def decode(cls, text: bytes, words: Tuple[int, ...]) -> SystemInfo:
+        """The record from the device's text and its seven info words."""
+        return cls(
+            text.decode("latin-1"),
+            "%d.%d" % (words[0] >> 16, words[0] & 0xFFFF),
+            "%08X" % words[1],
+            words[2],
+            words[3],
+            tuple(words),
+        )
 
 
 @dataclasses.dataclass(frozen=True)
 class SystemStatus:
-    status_word1: int
-    status_word2: int
-    status_value: float
-    status_word3: int
-    status_word4: int
-    status_word5: int
-    status_word6: int
-    status_word7: int
+    """The device's state (Device.get_system_status)."""
+
+    state: int  # status word 1
+    errors: int  # status word 2
+    temperature_c: float  # degrees Celsius (the status value)
+    laser_hours: int  # status word 3
+    commands: int  # commands the device has handled (status word 4)
+    words: Tuple[int, ...]  # the seven status words as the device sent them
+
+    @classmethod
+    def decode(cls, value: float, words: Tuple[int, ...]) -> SystemStatus:
+        """The record from the device's status value and its seven status words."""
+        return cls(words[0], words[1], single(value), words[2], words[3], tuple(words))
 
 
 @dataclasses.dataclass(frozen=True)
 class EventLogEntry:
-    field1: int
-    field2: int
-    field3: int
-    field4: int
-    field5: int
-    field6: int
+    """One entry of the device's event log (Device.get_event_log)."""
+
+    event: str  # the event's name ("commit"; "event N" for an unknown code)
+    code: int  # the event code
+    seq: int  # the device's running number of the entry (0: an empty slot)
+    time_s: int  # seconds since power-on
+    detail: int  # what the event concerns (a storage copy, a chunk number, ...)
+    opcode: int  # the command that caused it
+    extra: int
+
+    @classmethod
+    def decode(cls, field1: int, field2: int, field3: int, field4: int, field5: int, field6: int) -> EventLogEntry:
+        """The record from the six fields of the device's entry, in their order."""
+        return cls(event_name(field1), field1, field2, field3, field4, field5, field6)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -112,14 +193,15 @@ class LinkStatistics:
 class Message:
     """A message the device sent of its own accord."""
 
-    source: int
-    destination: int
+    source: Union[DeviceId, int]
+    destination: Union[DeviceId, int]
     priority: int
-    protocol: int
+    protocol: Union[Protocol, int]
     payload: bytes
 
     @classmethod
-    def from_tuple(cls, item):
+    def from_tuple(cls, item: Tuple[int, int, int, int, bytes]) -> Message:
+        """The message from (source, destination, priority, protocol, payload)."""
         source, destination, priority, protocol, payload = item
         return cls(
             _enum_or_int(DeviceId, source),
@@ -132,11 +214,23 @@ class Message:
 
 @dataclasses.dataclass(frozen=True)
 class UsbDevice:
+    """A USB device with the product's identity (list_usb)."""
+
     product_id: int
-    serial_number: str
+    serial_number: str  # what open_usb takes
 
 
 @dataclasses.dataclass(frozen=True)
 class BluetoothDevice:
-    address: str
+    """A Bluetooth device in range (list_bluetooth)."""
+
+    address: str  # "00:11:22:33:44:55", what open_bluetooth takes
     name: str
+
+
+@dataclasses.dataclass(frozen=True)
+class UartDevice:
+    """A serial device of the host (list_uart)."""
+
+    path: str  # "/dev/ttyUSB0", what open_uart takes
+    by_id: Optional[str]  # the stable name udev keeps in /dev/serial/by-id, if any

@@ -25,6 +25,7 @@ std::string CheckTransport(const Transport& t) {
 }
 
 std::string CheckSerialPath(const std::string& path) {
+    if (path.find("://") != std::string::npos) return "";  // a network address: the library checks it
     struct stat st {};
     if (stat(path.c_str(), &st) != 0)
         return errno == ENOENT ? path + ": no such device" : path + ": " + strerror(errno);

@@ -27,7 +27,7 @@ std::string CheckTransport(const Transport& transport);
 
 // Why the serial device at `path` cannot be opened by this user (it does
 // not exist, is not a character device, is not readable and writable), or
-// "" when it can.
+// "" when it can (and for a network address, which the library checks).
 std::string CheckSerialPath(const std::string& path);
 
 class Session {

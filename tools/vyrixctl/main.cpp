@@ -394,7 +394,9 @@ int main(int argc, char** argv) {
     bool json = false, verbose = false;
     double timeoutS = kDefaultTimeoutS;
     SettingContext ctx;
-    app.add_option("--uart", transport.uart, "Serial device path (57600 8N1)");
+    app.add_option(
+        "--uart", transport.uart,
+        "Serial device path (57600 8N1), or rfc2217://HOST:PORT or tcp://HOST:PORT of a line on another host");
     app.add_option("--usb", transport.usb, "USB device serial number");
     app.add_option("--bt", transport.bt, "Bluetooth address (00:11:22:33:44:55)");
     app.add_option("--passkey", transport.passkey, "Bluetooth pass key");
