@@ -677,6 +677,75 @@ VYRIX_API Vyrix_ReturnStatus Vyrix_SetReconnect(void* hConnection, int enable, u
  * Blocking: none.  Thread safety: any thread; each thread has its own text. */
 VYRIX_API const char* Vyrix_GetLastErrorText(void);
 
+/* ---- Capturing traffic ------------------------------------------------ */
+
+/* A capture is a pcap file (link type LINKTYPE_USER0 = 147, time stamps in
+ * nanoseconds) with one record per packet that crossed a link, in both
+ * directions, and one per run of received bytes that the packet parser gave
+ * up (a damaged packet, a false start, noise).  Each record is written and
+ * flushed to the file as it happens, so a crash keeps everything captured so
+ * far.  The record data is this header followed by the bytes exactly as
+ * they crossed the port (start byte to checksum).  Sent packets are
+ * recorded as they are handed to the port, received ones when they have
+ * been parsed.  The dissector vyrix.lua, installed with the tools, decodes
+ * them in Wireshark and tshark.
+ *
+ * Besides Vyrix_StartCapture below, the environment variable VYRIX_CAPTURE
+ * (a path) captures every link of the process into one file, read when the
+ * process opens its first port; `link` tells the links apart.
+ *
+ * fork() and exec: capture files are opened close-on-exec; fork() waits
+ * for a record being written; a child made by fork() never writes to or
+ * closes a capture file it inherited, and captures only what it starts
+ * itself (a child whose parent had opened no port yet reads VYRIX_CAPTURE
+ * like any process). */
+#define VYRIX_CAPTURE_LINKTYPE 147
+
+typedef struct Vyrix_CaptureHeaderS {
+    uint8_t version;   /* VYRIX_CAPTURE_VERSION */
+    uint8_t direction; /* VYRIX_CAPTURE_HOST_TO_DEVICE or VYRIX_CAPTURE_DEVICE_TO_HOST */
+    uint8_t transport; /* a Vyrix_ConnectionTypeE value: 0 UART, 1 USB, 2 Bluetooth */
+    uint8_t flags;     /* VYRIX_CAPTURE_DISCARDED, VYRIX_CAPTURE_RESENT */
+    uint8_t link[4];   /* link number, most significant byte first: 1 for the
+                        * first port the process opened, 2 for the next... */
+} Vyrix_CaptureHeaderS;
+VYRIX_LAYOUT(sizeof(Vyrix_CaptureHeaderS) == 8);
+VYRIX_LAYOUT(offsetof(Vyrix_CaptureHeaderS, flags) == 3);
+VYRIX_LAYOUT(offsetof(Vyrix_CaptureHeaderS, link) == 4);
+
+#define VYRIX_CAPTURE_VERSION 1
+#define VYRIX_CAPTURE_HOST_TO_DEVICE 0
+#define VYRIX_CAPTURE_DEVICE_TO_HOST 1
+/* Received bytes the parser gave up, not a packet. */
+#define VYRIX_CAPTURE_DISCARDED 0x01
+/* A packet sent again because the device asked for it. */
+#define VYRIX_CAPTURE_RESENT 0x02
+
+/* Starts capturing the traffic of this connection's link into a new pcap
+ * file at pPath (created, or emptied when it exists, with mode 0666 less
+ * the umask).  The capture ends with Vyrix_StopCapture or when the
+ * connection closes; the file is then complete and closed.  A process-wide
+ * capture (VYRIX_CAPTURE) goes on beside it.
+ * Results: 0; 0x01000000 eVYRIX_FAILURE the file cannot be created or
+ * written (the reason is in the log); 0x18000000 eVYRIX_ALREADY_OPENED this
+ * connection is already being captured; 0x16000000 eVYRIX_NOT_CONNECTED the
+ * connection has no link, or was inherited across fork(); 0x05000000 pPath null or empty, or a handle that
+ * is not an open connection; 0x04000000 library not open.
+ * Blocking: creates the file and writes its header; nothing is sent.
+ * Thread safety: any thread, while commands run on the connection; packets
+ * that cross the link meanwhile are in the file or not, never half. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_StartCapture(void* connHandle, const char* pPath);
+
+/* Ends the capture that Vyrix_StartCapture started on this connection and
+ * closes its file.  Stopping a connection that is not being captured does
+ * nothing and returns 0.
+ * Results: 0; 0x16000000 the connection was inherited across fork() (its
+ * capture is the parent's); 0x05000000 a handle that is not an open
+ * connection; 0x04000000 library not open.
+ * Blocking: waits for a record being written to finish, no longer.
+ * Thread safety: any thread, while commands run on the connection. */
+VYRIX_API Vyrix_ReturnStatus Vyrix_StopCapture(void* connHandle);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -8,7 +8,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config binutils
-  libusb-1.0-0-dev libbluetooth-dev
+  libusb-1.0-0-dev libbluetooth-dev libpcap-dev tshark
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   nlohmann-json3-dev zlib1g-dev man-db
   umockdev libumockdev-dev

@@ -39,7 +39,7 @@ ls build/package/*.deb
 declare -A holds=(
   [libvyrix-api1]="/usr/$libdir/libVyrix_Api\.so\.1 -> |/usr/$libdir/libVyrix_Api\.so\.1\.|/usr/lib/udev/rules\.d/60-vyrix\.rules"
   [libvyrix-api-dev]="/usr/$libdir/libVyrix_Api\.so -> |include/vyrix/Vyrix_Api\.h|include/vyrix/vyrix_version\.h|pkgconfig/vyrix\.pc|cmake/Vyrix/VyrixConfig\.cmake|examples/main\.cpp|man3/libvyrix\.3\.gz"
-  [vyrix-tools]="/usr/bin/vyrixctl|/usr/bin/vyrix-sim|/usr/bin/vyrix-demo|man1/vyrixctl\.1\.gz"
+  [vyrix-tools]="/usr/bin/vyrixctl|/usr/bin/vyrix-sim|/usr/bin/vyrix-demo|man1/vyrixctl\.1\.gz|wireshark/plugins/vyrix\.lua"
   [python3-vyrix]="dist-packages/vyrix/__init__\.py|dist-packages/vyrix/py\.typed|dist-packages/vyrix-[0-9.]+\.dist-info/METADATA"
 )
 for pkg in "${!holds[@]}"; do

@@ -61,6 +61,7 @@ Vyrix_ReturnStatus CCommHandler::StartLink(CPort* port, PortFactory makePort, st
         m_receiving = true;
     }
     m_watch = std::move(watch);
+    m_capture.Opened(*port);
     CCallbackDispatcher::Attach();
     m_dispatching = true;
     m_started = true;
@@ -197,9 +198,12 @@ Vyrix_ReturnStatus CCommHandler::ReadUntilDown() {
 
 void CCommHandler::Consume(BYTE* buf, DWORD length) {
     DWORD offset = 0;
+    m_msgHandler.KeepDropped(m_capture.On());
     for (;;) {
         KtXlnkMsgS sMsg{};
-        if (m_msgHandler.ParsePacket(buf + offset, length - offset, &sMsg) != RC_OK) return;
+        const bool accepted = m_msgHandler.ParsePacket(buf + offset, length - offset, &sMsg) == RC_OK;
+        m_capture.Parsed(m_msgHandler, accepted ? &sMsg : nullptr);
+        if (!accepted) return;
         offset += m_msgHandler.ConsumedBytes();
         Deliver(sMsg);
         delete[] sMsg.pPayload;
@@ -432,6 +436,7 @@ Vyrix_ReturnStatus CCommHandler::RetryLastMessage(CMsgQueue& queue, KtXlnkMsgS* 
         LlcLog("<INFO> %s: Retry number :%d\n", "RetryLastMessage", static_cast<int>(retry));
         {
             std::lock_guard<std::mutex> lock(m_writeLock);
+            m_capture.Sent(packet.data(), packet.size(), true);
             Vyrix_ReturnStatus w = WriteLocked(packet.data(), packet.size(), "RetryLastMessage");
             // Other write failures are not examined: the wait below decides.
             if (m_port == nullptr || HasCode(w, eVYRIX_NOT_CONNECTED)) return w;
@@ -458,6 +463,7 @@ Vyrix_ReturnStatus CCommHandler::SendMsg(KtXlnkMsgS sMsg) {
     if (r != RC_OK) return r;
     std::lock_guard<std::mutex> lock(m_writeLock);
     m_waitingReply = true;
+    m_capture.Sent(packet.data(), packet.size(), false);
     r = WriteLocked(packet.data(), packet.size(), "SendMsg");
     if (r != RC_OK) {
         m_waitingReply = false;
@@ -502,6 +508,7 @@ Vyrix_ReturnStatus CCommHandler::ClosePort() {
         std::lock_guard<std::mutex> threads(m_threadMutex);
         if (m_thread.CloseThread() != RC_OK) LlcLog("<ERROR> %s: Error closing Thread.\n", "ClosePort");
     }
+    m_capture.Stop();
     Vyrix_ReturnStatus r = RC_OK;
     {
         std::lock_guard<std::mutex> lock(m_writeLock);

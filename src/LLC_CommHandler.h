@@ -30,6 +30,7 @@
 #include "LLC_ArrivalWatch.h"
 #include "LLC_CommandGate.h"
 #include "LLC_EventNotifier.h"
+#include "LLC_LinkCapture.h"
 #include "LLC_LinkState.h"
 #include "LLC_MsgQueue.h"
 #include "LLC_Port.h"
@@ -93,6 +94,9 @@ public:
     uint8_t LastSequence() const { return m_lastSequence; }
 
     KtLinkCountersS Counters() const;
+
+    // Records the link's traffic into capture files.
+    CLinkCapture& Capture() { return m_capture; }
 
     // Belongs to the process this one was forked from.
     bool IsInherited() const;
@@ -192,6 +196,7 @@ private:
     const unsigned m_generation;  // of the process that opened it
     size_t m_parserDiscards;      // receive thread only
     Announcements m_announce;
+    CLinkCapture m_capture;
 
     CLinkState m_state;
     CEventNotifier m_events;

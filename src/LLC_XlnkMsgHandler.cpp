@@ -114,15 +114,44 @@ void CXlnkMsgHandler::StartPacket() {
     m_headerLen = 0;
 }
 
+void CXlnkMsgHandler::DropNoise(const BYTE* bytes, size_t count) {
+    if (!m_keepDropped) return;
+    while (count > 0) {
+        size_t take = count;
+        if (m_dropped.empty() || (m_droppedPacketLeft == 0 && !m_noiseOpen)) {
+            m_dropped.emplace_back();
+            m_noiseOpen = true;
+        } else if (m_droppedPacketLeft > 0) {
+            take = count < m_droppedPacketLeft ? count : m_droppedPacketLeft;
+            m_droppedPacketLeft -= take;
+        }
+        m_dropped.back().insert(m_dropped.back().end(), bytes, bytes + take);
+        bytes += take;
+        count -= take;
+    }
+}
+
+void CXlnkMsgHandler::TakeDropped(std::vector<std::vector<BYTE>>* pieces) {
+    pieces->swap(m_dropped);
+    m_dropped.clear();
+    m_droppedPacketLeft = 0;
+    m_noiseOpen = false;
+}
+
 bool CXlnkMsgHandler::SeekStart() {
     DWORD count = 0;
     const BYTE* at = Available(&count);
     const void* start = memchr(at, KT_XLNK_START_BYTE, count);
     if (start == nullptr) {
+        DropNoise(at, count);
         Advance(count);
         return false;
     }
-    Advance(static_cast<DWORD>(static_cast<const BYTE*>(start) - at) + 1);
+    const DWORD skipped = static_cast<DWORD>(static_cast<const BYTE*>(start) - at);
+    DropNoise(at, skipped);
+    Advance(skipped + 1);
+    m_droppedPacketLeft = 0;  // what follows belongs to the new packet
+    m_noiseOpen = false;
     StartPacket();
     return true;
 }
@@ -138,6 +167,13 @@ void CXlnkMsgHandler::Resume(const BYTE* tail, DWORD tailLen) {
     std::vector<BYTE> again(m_header, m_header + m_headerLen);
     if (m_currMsg.pPayload != nullptr) again.insert(again.end(), m_currMsg.pPayload, m_currMsg.pPayload + m_payLoadIdx);
     again.insert(again.end(), tail, tail + tailLen);
+    if (m_keepDropped) {
+        // Its start byte is given up now; the bytes after it join it as far
+        // as the search drops them.
+        m_dropped.emplace_back(1, KT_XLNK_START_BYTE);
+        m_droppedPacketLeft = again.size();
+        m_noiseOpen = false;
+    }
     again.insert(again.end(), m_replay.begin() + static_cast<std::ptrdiff_t>(m_replayAt), m_replay.end());
     m_replay.swap(again);
     m_replayAt = 0;

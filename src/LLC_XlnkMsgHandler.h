@@ -63,6 +63,19 @@ public:
     // Started packets given up so far (false starts, damaged packets).
     size_t Abandoned() const { return m_abandoned; }
 
+    // The four header bytes of the packet last accepted, as they arrived.
+    const BYTE* LastHeader() const { return m_header; }
+
+    // While kept, the bytes given up for good are collected in stream order
+    // for TakeDropped: each damaged packet or false start (from its start
+    // byte to where it was given up, less any part that began a packet of
+    // its own) and each run of noise is one piece.  Pieces are collected
+    // only within ParsePacket calls, so a caller that takes them after
+    // every call holds at most one chunk's worth.
+    void KeepDropped(bool keep) { m_keepDropped = keep; }
+    bool HasDropped() const { return !m_dropped.empty(); }
+    void TakeDropped(std::vector<std::vector<BYTE>>* pieces);
+
 private:
     enum class HeaderByte { kAccepted, kComplete, kRejected };
     HeaderByte TakeHeaderByte(BYTE byte);
@@ -75,6 +88,7 @@ private:
     // start byte (and `tail`) to be searched first.
     void Resume(const BYTE* tail, DWORD tailLen);
     void ReleasePayload();
+    void DropNoise(const BYTE* bytes, size_t count);
 
     KtParseStateE m_ParseState;
     BYTE* m_pBuf;
@@ -92,6 +106,12 @@ private:
     std::vector<BYTE> m_replay;
     size_t m_replayAt;
     size_t m_abandoned = 0;
+    bool m_keepDropped = false;
+    std::vector<std::vector<BYTE>> m_dropped;
+    // Bytes still to come of the given-up packet in the last dropped piece;
+    // whether that piece is noise that later noise may join.
+    size_t m_droppedPacketLeft = 0;
+    bool m_noiseOpen = false;
 };
 
 #endif  // LLC_XLNKMSGHANDLER_H

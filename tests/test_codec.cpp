@@ -319,3 +319,73 @@ TEST(CodecRoundTrip, TenThousandPacketsInRandomChunksArriveInOrder) {
 }
 
 }  // namespace
+
+namespace {
+
+// What the parser gave up and what it accepted, in stream order, with the
+// dropped bytes kept: each accepted packet as its bytes (start byte, header
+// as received, payload, checksum), each dropped piece as it is.
+std::vector<Bytes> Pieces(const std::vector<Bytes>& chunks) {
+    CXlnkMsgHandler parser;
+    parser.KeepDropped(true);
+    std::vector<Bytes> out;
+    std::vector<std::vector<BYTE>> dropped;
+    for (Bytes chunk : chunks) {
+        chunk.push_back(0);
+        DWORD offset = 0;
+        const DWORD size = static_cast<DWORD>(chunk.size() - 1);
+        for (;;) {
+            KtXlnkMsgS msg{};
+            const bool accepted = parser.ParsePacket(chunk.data() + offset, size - offset, &msg) == 0;
+            parser.TakeDropped(&dropped);
+            out.insert(out.end(), dropped.begin(), dropped.end());
+            if (!accepted) break;
+            offset += parser.ConsumedBytes();
+            Bytes packet = {0xC0};
+            packet.insert(packet.end(), parser.LastHeader(), parser.LastHeader() + 4);
+            packet.insert(packet.end(), msg.pPayload, msg.pPayload + msg.payloadLen);
+            uint8_t sum = 0;
+            for (size_t i = 1; i < packet.size(); ++i) sum = static_cast<uint8_t>(sum - packet[i]);
+            packet.push_back(sum);
+            out.push_back(packet);
+            delete[] msg.pPayload;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+// Kept for a capture: every byte received ends in exactly one piece, a
+// packet or what was given up (each false start, damaged packet and noise
+// run its own piece), however the bytes are cut.
+TEST_F(Codec, DroppedBytesAndPacketsPutTogetherAreTheStream) {
+    const Bytes packet = DevicePacket(2, 1, {9});
+    Bytes damaged = packet;
+    damaged.back() = vyrix::sim::DeviceSimulator::DamagedChecksum(damaged.back());
+    const Bytes bogus = {0xC0, 0x02, 0x00, 0x10, 0x03};  // its payload swallows the real start
+    const Bytes noise = {0x55, 0x55, 0x55};
+    const struct {
+        const char* what;
+        std::vector<Bytes> pieces;
+    } cases[] = {
+        {"stray start byte", {{0xC0}, packet}},
+        {"three false starts", {{0xC0}, {0xC0}, {0xC0}, packet}},
+        {"checksum mismatch swallowing a start", {bogus, packet, packet}},
+        {"noise, damaged, sound", {noise, damaged, packet}},
+        {"damaged, noise, sound", {damaged, noise, packet}},
+        {"broadcast-addressed, connectionless bits", {DevicePacket(63, 0, {0x2A, 0x2A, 0})}},
+    };
+    std::mt19937 rng(20261124);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Bytes stream;
+        for (const Bytes& piece : c.pieces) stream = Concat({stream, piece});
+        EXPECT_EQ(Pieces({stream}), c.pieces);
+        for (int round = 0; round < 20; ++round) {
+            Bytes joined;
+            for (const Bytes& piece : Pieces(RandomChunks(stream, rng, 1, 8))) joined = Concat({joined, piece});
+            EXPECT_EQ(joined, stream);
+        }
+    }
+}

@@ -1,5 +1,7 @@
 #include "DeviceSimulator.h"
 
+#include "Vyrix_Api.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -148,8 +150,29 @@ std::optional<Reply> DeviceSimulator::ModelReply(DeviceModel& model, const HostP
     return reply;
 }
 
+uint8_t DeviceSimulator::DamagedChecksum(uint8_t checksum) {
+    // Never a start byte: the damaged copy must not hide the intact one.
+    const uint8_t damaged = static_cast<uint8_t>(checksum ^ 0x01);
+    return damaged == 0xC0 ? static_cast<uint8_t>(checksum ^ 0x03) : damaged;
+}
+
+void DeviceSimulator::SetCapture(std::unique_ptr<SimCapture> capture) {
+    std::lock_guard<std::mutex> lock(captureMutex_);
+    capture_ = std::move(capture);
+}
+
+void DeviceSimulator::Capture(uint8_t direction, uint8_t flags, const std::vector<uint8_t>& bytes) {
+    std::shared_ptr<SimCapture> capture;
+    {
+        std::lock_guard<std::mutex> lock(captureMutex_);
+        capture = capture_;
+    }
+    if (capture && !bytes.empty()) capture->Record(direction, flags, bytes);
+}
+
 void DeviceSimulator::Serve(const HostPacket& packet) {
     if (trace_) Trace("host ->", packet.raw);
+    Capture(VYRIX_CAPTURE_HOST_TO_DEVICE, 0, packet.raw);
     Responder responder;
     Faults faults;
     int number;
@@ -180,8 +203,16 @@ void DeviceSimulator::Serve(const HostPacket& packet) {
     }
     if (reply) {
         std::vector<uint8_t> bytes = faults.garbage;
+        Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, VYRIX_CAPTURE_DISCARDED, faults.garbage);
         std::vector<uint8_t> packetBytes =
             EncodeDevicePacket(reply->destination, reply->source, reply->protocol, reply->payload);
+        if (faults.damageEvery > 0 && number % faults.damageEvery == 0) {
+            std::vector<uint8_t> damaged = packetBytes;
+            damaged.back() = DamagedChecksum(damaged.back());
+            Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, VYRIX_CAPTURE_DISCARDED, damaged);
+            bytes.insert(bytes.end(), damaged.begin(), damaged.end());
+        }
+        Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, 0, packetBytes);
         bytes.insert(bytes.end(), packetBytes.begin(), packetBytes.end());
         if (trace_) Trace("device <-", bytes);
         WriteReply(bytes, faults.splitBytes, faults.splitPauseMs);
@@ -271,6 +302,7 @@ void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) {
             writable_.wait_until(lock, ready);
     }
     if (trace_) Trace("device <- (unprompted)", bytes);
+    Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, 0, bytes);
     WriteLocked(bytes.data(), bytes.size());
     lastUnsolicited_ = std::chrono::steady_clock::now();
 }
@@ -278,6 +310,7 @@ void DeviceSimulator::SendUnsolicited(const std::vector<uint8_t>& payload) {
 void DeviceSimulator::SendPacket(const Reply& reply) {
     std::vector<uint8_t> bytes = EncodeDevicePacket(reply.destination, reply.source, reply.protocol, reply.payload);
     if (trace_) Trace("device <-", bytes);
+    Capture(VYRIX_CAPTURE_DEVICE_TO_HOST, 0, bytes);
     WriteAll(bytes.data(), bytes.size());
 }
 

@@ -20,6 +20,7 @@
 
 #include "DeviceCodec.h"
 #include "DeviceModel.h"
+#include "SimCapture.h"
 
 namespace vyrix::sim {
 
@@ -43,6 +44,7 @@ struct Faults {
     size_t splitBytes = 0;         // write replies in pieces of this size...
     int splitPauseMs = 0;          // ...with this pause between them
     int hangUpAfter = 0;           // close the line after N commands
+    int damageEvery = 0;           // every N-th reply goes out once with a wrong checksum before the intact one
 };
 
 class DeviceSimulator {
@@ -62,6 +64,9 @@ public:
     void SetFaults(const Faults& faults);
     // Log what is received, readably, to stderr.
     void SetTrace(bool on) { trace_ = on; }
+    // Records this side's traffic (what the host sent, what is written to
+    // it, noise and damaged copies marked as not packets).
+    void SetCapture(std::unique_ptr<SimCapture> capture);
     // Sends and reads at the wire rate of this many baud, 8N1 (10 bits a
     // byte), as a real UART does; 0 (the default) does not pace.
     void SetBaud(unsigned baud) { baud_ = baud; }
@@ -85,6 +90,9 @@ public:
     void HangUp();
     bool HungUp() const { return hungUp_; }
 
+    // The wrong checksum of a damaged copy of a packet with this checksum.
+    static uint8_t DamagedChecksum(uint8_t checksum);
+
     // The model's answer to a command packet, as a reply payload.
     static std::optional<Reply> ModelReply(DeviceModel& model, const HostPacket& packet);
 
@@ -98,6 +106,7 @@ private:
     void Serve(const HostPacket& packet);
     void WriteReply(const std::vector<uint8_t>& bytes, size_t splitBytes, int pauseMs);
     void WriteAll(const uint8_t* data, size_t size);
+    void Capture(uint8_t direction, uint8_t flags, const std::vector<uint8_t>& bytes);
     void WriteLocked(const uint8_t* data, size_t size);
     // Waits until `bytes` more bytes have gone over the wire at the set
     // rate, counted from `line` (the time the line is next free); moves it.
@@ -127,6 +136,8 @@ private:
     std::chrono::steady_clock::time_point lastReply_{};
     std::chrono::steady_clock::time_point lastUnsolicited_{};
     std::atomic<bool> trace_{false};
+    std::mutex captureMutex_;  // guards capture_
+    std::shared_ptr<SimCapture> capture_;
     std::atomic<unsigned> baud_{0};
     std::chrono::steady_clock::time_point readLine_{};   // read thread only
     std::chrono::steady_clock::time_point writeLine_{};  // guarded by writeMutex_

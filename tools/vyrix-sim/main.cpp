@@ -43,7 +43,8 @@ int Usage(const std::string& message) {
 
 // The options as typed, checked by one parser each.
 struct Typed {
-    std::string baud, notifyEvery, resendEvery, errorEvery, silentEvery, garbage, split, splitPause, hangUpAfter;
+    std::string baud, notifyEvery, resendEvery, errorEvery, silentEvery, garbage, split, splitPause, hangUpAfter,
+        damageEvery;
 };
 
 std::string Whole(const char* option, const std::string& text, long long min, long long max, int& out) {
@@ -66,7 +67,8 @@ std::string Check(const Typed& t, unsigned& baud, double& notifyEvery, size_t& g
                                    Whole("--error-every", t.errorEvery, 1, kMaxEvery, f.errorEvery),
                                    Whole("--silent-every", t.silentEvery, 1, kMaxEvery, f.silentEvery),
                                    Whole("--split-pause", t.splitPause, 0, kMaxSplitPauseMs, f.splitPauseMs),
-                                   Whole("--hangup-after", t.hangUpAfter, 1, kMaxEvery, f.hangUpAfter)})
+                                   Whole("--hangup-after", t.hangUpAfter, 1, kMaxEvery, f.hangUpAfter),
+                                   Whole("--damage-every", t.damageEvery, 1, kMaxEvery, f.damageEvery)})
         if (!why.empty()) return why;
     value = 0;
     if (std::string why = Whole("--split", t.split, 1, kMaxSplit, value); !why.empty()) return why;
@@ -116,6 +118,10 @@ int main(int argc, char** argv) {
     app.add_option("--split", typed.split, "Write replies in pieces of N bytes (1..65536)");
     app.add_option("--split-pause", typed.splitPause, "Pause between the pieces, in ms (0..10000)");
     app.add_option("--hangup-after", typed.hangUpAfter, "Hang up after N commands (1..1000000000)");
+    app.add_option("--damage-every", typed.damageEvery,
+                   "Send every N-th reply (1..1000000000) once with a wrong checksum, then intact");
+    std::string capture;
+    app.add_option("--capture", capture, "Record this side's traffic into a pcap file (see vyrix.lua)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -151,6 +157,15 @@ int main(int argc, char** argv) {
     sim->SetFaults(faults);
     sim->SetTrace(trace);
     sim->SetBaud(baud);
+    if (!capture.empty()) {
+        std::string why;
+        auto file = vyrix::sim::SimCapture::Create(capture, &why);
+        if (!file) {
+            fprintf(stderr, "vyrix-sim: --capture %s: %s\n", capture.c_str(), why.c_str());
+            return kExitFailed;
+        }
+        sim->SetCapture(std::move(file));
+    }
     if (!link.empty() && symlink(sim->SlavePath().c_str(), link.c_str()) != 0) {
         // Never replaces what is there: it is not ours.
         if (errno == EEXIST)

@@ -133,6 +133,7 @@ struct GlobalOptions {
     bool json = false;
     bool verbose = false;
     std::string timeout;  // seconds, as typed
+    std::string capture;  // a pcap file for the connection's packets
 };
 
 void AddGlobalOptions(CLI::App& app, GlobalOptions& g) {
@@ -150,6 +151,7 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& g) {
                  "Print one JSON object (monitor: one per line, JSON Lines), errors included, with the same keys "
                  "on success and failure");
     app.add_flag("--verbose", g.verbose, "Let the library log to standard error (unless VYRIX_LOG is set)");
+    app.add_option("--capture", g.capture, "Record the connection's packets into this pcap file (see vyrix.lua)");
 }
 
 // The options and arguments of the subcommands, as typed.
@@ -807,6 +809,11 @@ int main(int argc, char** argv) {
     int exitStatus = kExitFailed;
     if (session.Result() != eVYRIX_RETURN_SUCCESS) {
         exitStatus = report.NoDevice(session.Result(), session.Failure());
+    } else if (Vyrix_ReturnStatus c = global.capture.empty()
+                                          ? eVYRIX_RETURN_SUCCESS
+                                          : Vyrix_StartCapture(session.Handle(), global.capture.c_str());
+               c != 0) {
+        exitStatus = report.Finish(c, "cannot create the capture file " + Printable(global.capture));
     } else if (InterruptedBy() == 0) {
         ctx.handle = session.Handle();
         void* h = session.Handle();
