@@ -166,7 +166,10 @@ Vyrix_ReturnStatus PayloadExchange(const CommandRoute& route, unsigned char* pPa
     if (pSent != nullptr) *pSent = false;
     const KtHandlerRef& link = route.link;
     const CDeadline deadline = CDeadline::After(route.replyTimeoutMs);
-    const CCommandTurn turn(link ? &link->Gate() : nullptr, deadline);
+    // A link inherited across fork() is the parent's: its gate may be held by
+    // a thread the child does not have.  The send below refuses it at once.
+    const bool ours = link && !link->IsInherited();
+    const CCommandTurn turn(ours ? &link->Gate() : nullptr, deadline);
     // A link that is down lets the send below report it, as it always has.
     if (turn.Result() != eVYRIX_RETURN_SUCCESS && !HasCode(turn.Result(), eVYRIX_NOT_CONNECTED)) return turn.Result();
     Vyrix_ReturnStatus r = SendOn(link, pPayload, payloadLen, deviceId);
