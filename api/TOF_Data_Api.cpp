@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Time-of-flight frame capture: not available on this device family; the
 // operations exist so that applications link and can find that out.
 #include "Vyrix_Api.h"

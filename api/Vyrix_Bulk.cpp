@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bulk data in numbered, acknowledged chunks, and text drawing.
 #include <atomic>
 #include <cstring>

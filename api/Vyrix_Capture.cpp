@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Capturing a connection's traffic into a pcap file.
 #include "LLC_CommHandler.h"
 #include "Vyrix_Internal.h"

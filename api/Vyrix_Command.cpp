@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Command transport: typed parameters packed into a numbered command,
 // stale replies dropped, the packet sent, the reply taken and checked.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The table of open connections, the records behind the handles, and the
 // per-connection settings that an operation's command uses.
 #include <limits.h>

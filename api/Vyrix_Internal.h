@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The library context, its lock, and the functions of the command layer that
 // the device operations are built on.  All of these are exported with C++
 // linkage; applications use Vyrix_Api.h instead.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library context, its lock and the lifecycle operations.
 #include "Vyrix_Internal.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A connection's lifecycle as the application sees it: the link's state
 // and its callback, the event descriptor for event loops, reconnection.
 // Each resolves the handle to its link once, under the library lock, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operations of the published interface that this library does not carry
 // out: each answers at once that it is not supported and touches nothing.
 #include "Vyrix_Api.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The device's command opcodes, in one place: the library's operations and
 // the device simulator both use this table.
 #ifndef VYRIX_OPCODES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Vyrix_Operation.h"
 
 #include <cmath>

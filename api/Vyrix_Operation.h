@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // What every device operation shares: the library check, the argument
 // verdict, one command with typed parameters, and the decoding of the reply
 // values into the caller's variables.  Each exported operation is then one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test patterns: the one drawing operation the device carries out here.
 #include "Vyrix_Operation.h"
 

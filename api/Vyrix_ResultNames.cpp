@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Names and one-sentence descriptions of result words.
 #include <cstdio>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Picture, video and sensing settings: one command each.
 #include "Vyrix_Operation.h"
 

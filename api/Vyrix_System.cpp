@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // System information, status, event log and maintenance of the device.
 #include "Vyrix_Operation.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What capturing costs a command: Vyrix_GetBrightness round trips against
 // the device simulator over a pseudo-terminal, with the connection's capture
 // off and on, in alternating batches of the same run (so that a busy machine

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Several devices driven at once: N = 1, 2, 4, 8 simulated devices paced at
 // 57600 baud, each with a connection of its own and one thread issuing
 // Vyrix_GetBrightness on it through the public interface.  Reported per N:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The link over a pseudo-terminal against the device simulator: one
 // packet's round trip through KtSendMsg and KtRemoveMsg, and one command
 // through Vyrix_GetBrightness, beside the same bytes written and read back

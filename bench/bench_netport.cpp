@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A line on another host, through a real ser2net in front of the device
 // simulator: one packet's round trip through the library (raw TCP and
 // RFC 2217) against the same bytes written and read back over a bare TCP

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Parser throughput on a stream of mixed packets, fed in 64-byte (USB) and
 // 4101-byte (one longest packet) chunks, beside a memcpy of the same bytes.
 #include <benchmark/benchmark.h>

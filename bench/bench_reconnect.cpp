@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How long a connection with reconnection switched on takes to be "up"
 // again once its device is back, median of 20 returns, for a serial device
 // (the simulator started again behind the same symbolic link) and a USB

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * vyrix_rc.h - result codes of libVyrix_Api.
  *

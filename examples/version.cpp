@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opens the library, prints its version and closes it again.
 #include <cstdio>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds arbitrary bytes to the packet parser in arbitrary chunks, the way a
 // receive loop does: the first input byte chooses the chunk sizes and how
 // often the line goes quiet inside a packet (which abandons it, so its bytes

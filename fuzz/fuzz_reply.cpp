@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds arbitrary replies to the code that reads them: the reply checks,
 // and the decoding of every reply layout the device operations use, on a
 // reply buffer exactly as the command layer allocates it.

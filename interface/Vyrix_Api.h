@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * Vyrix_Api.h - application interface of libVyrix_Api, the host library that
  * controls a laser scanning display engine over USB, a UART line or

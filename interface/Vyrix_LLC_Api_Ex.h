@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * Vyrix_LLC_Api_Ex.h - packet-level service functions of libVyrix_Api.
  *

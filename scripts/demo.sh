@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the library and the guided tour (nothing else: scripts/test.sh
 # builds the tests, benchmarks and the rest) and runs the tour against the
 # built-in device simulator.  Missing packages are installed quietly.

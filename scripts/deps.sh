@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages the build, the tests and the tools need,
 # those that are missing only.  Uses sudo when not run as root.
 #   VYRIX_DEPS_QUIET=1  one line says what is installed; the package

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs a build of the library into a temporary prefix, builds the C
 # examples in examples/c against that installed tree only, and runs the
 # serial ones against the installed device simulator.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the fuzz targets for SECONDS each (default 60) on a copy of their seed
 # corpus; fails on any finding.
 #   scripts/fuzz.sh [SECONDS]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs integration tests (the API against the device simulator over
 # pseudo-terminals) under valgrind's memcheck; fails on any memory error or
 # definite leak.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the release under /usr with the multiarch library directory,
 # installs it under a prefix, builds the example application against that
 # tree with CMake and with pkg-config and runs both, then builds the Debian

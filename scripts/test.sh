@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds everything (the tests, benchmarks, tools and examples) and runs
 # every test.
 #   scripts/test.sh          the release build

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported packet-level service functions: one handler per transport,
 // created by an open and destroyed by a close (or by the last caller still
 // using it); every send and receive goes to the first open transport in the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The pause between two attempts to reopen a device that went away: it
 // ends at its deadline, when the device may have come back (a transport
 // that can tell, such as USB hot-plug or a serial path appearing, overrides

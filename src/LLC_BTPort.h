@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The Bluetooth port: an RFCOMM stream socket to channel 1 of a device.
 #ifndef LLC_BTPORT_H
 #define LLC_BTPORT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Calls the application's connectionless callback on a thread of its own,
 // once per queued message, and knows which link each message came from; on
 // the same thread, in the order they happened among a link's messages, it

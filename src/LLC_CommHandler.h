@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // One link: everything about one open port, and nothing about any other.
 // It owns the port, the codec, a receive thread that turns incoming bytes
 // into queued messages, the reply and unprompted-message queues (bounded),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_CommandGate.h"
 
 Vyrix_ReturnStatus CCommandGate::Enter(const CDeadline& deadline) {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Lets one command at a time through a link.  A command holds the gate from
 // its send to the end of its reply, so a second thread's command on the
 // same link waits its turn instead of taking the first one's reply; a link

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Declarations shared by the LLC layer: constants, result helpers, logging.
 #ifndef LLC_COMMON_H
 #define LLC_COMMON_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A point on the monotonic clock that a wait must not pass.  Every wait of
 // the link layer (queue waits, port reads and writes, joins) takes one, so
 // a caller's time-out holds across the steps of one exchange.

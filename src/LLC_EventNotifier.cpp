@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_EventNotifier.h"
 
 #include <sys/eventfd.h>

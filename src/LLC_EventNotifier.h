@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A descriptor that an event loop polls: readable exactly while its owner
 // says there is something to take, never for anything else.  The owner
 // recomputes that condition after every change that could alter it;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Carries the library's process-wide locks across fork().  A forked child
 // starts with one thread, and a lock that another thread of the parent held
 // at that moment would stay held in the child for ever; so before the fork

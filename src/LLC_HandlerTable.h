@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The link registry: the links of the open ports, per transport, oldest
 // first.  The registry holds one reference to each; a caller that works
 // with a link takes a reference of its own, so a close on another thread

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The sentence about the last failure on the calling thread, for
 // Vyrix_GetLastErrorText: what went wrong in words a user can act on, with
 // the operating system's reason where there was one.  Each thread has its

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A link's tap: hands every packet the link sends or receives, and every
 // run of bytes its parser gives up, to the capture files that watch the
 // link: the connection's own (Vyrix_StartCapture) and the process-wide one

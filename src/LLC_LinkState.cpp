@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_LinkState.h"
 
 bool CLinkState::Change(Vyrix_LinkStateE state) {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The state of one link as the application sees it (up, down,
 // reconnecting), whether a change has not yet been read, and who is told
 // of changes.  Delivering the changes is the callback dispatcher's job;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Link-layer services for the API layer of this library (not exported):
 // the ports of its connections, several per transport, each reached through
 // its own handler.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The lock file that marks a device as taken.  The file is created
 // exclusively, holds the holder's process id as text ("%10d\n", the form
 // serial lock files have always had) and an exclusive advisory lock (flock)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The process-wide log: Vyrix_SDK.log in the runtime directory (/tmp unless
 // VYRIX_RUNTIME_DIR names another), shared between processes by an advisory
 // lock, with a time-stamped file of its own for a process that finds the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A queue of received messages with one waiting primitive: the receive
 // thread pushes, callers take with a deadline, and a link that goes down or
 // closes wakes every waiter at once.  The device fills it, so it is

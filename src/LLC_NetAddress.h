@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The address of a serial line exported over the network by a server such
 // as ser2net: "rfc2217://HOST:PORT" (Telnet with serial-port control) or
 // "tcp://HOST:PORT" (the bytes as they are).  HOST is a name, an IPv4

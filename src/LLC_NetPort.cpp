@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_NetPort.h"
 
 #include <netdb.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A serial line that a server on another host exports over TCP (ser2net,
 // for instance): "rfc2217://HOST:PORT" speaks Telnet with serial-port
 // control and sets the line to 57600 8N1 without flow control;

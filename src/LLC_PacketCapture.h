@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // One pcap file that packets of one link, or of all links of the process,
 // are recorded into: link type 147 (user 0), nanosecond time stamps, each
 // record a Vyrix_CaptureHeaderS and the bytes as they crossed the port.

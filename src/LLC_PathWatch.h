@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The pause before reopening a serial device ends when its path appears
 // again: a name created or moved into its directory (a device node made
 // anew, a symbolic link pointed at another terminal), seen through inotify.

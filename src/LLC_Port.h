@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The interface through which a communication handler reaches a device.
 // A port is configured when it is constructed; every operation is the
 // concrete port's own.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Waits for a port descriptor to become ready, with a deadline and a wake
 // descriptor in the same poll, so a close ends a read or write at once
 // instead of waiting for the device.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The serial (UART) port: raw 57600 8N1 through termios.
 #ifndef LLC_SPORT_H
 #define LLC_SPORT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A plain, non-recursive mutex.
 #ifndef LLC_SYNCOBJECT_H
 #define LLC_SYNCOBJECT_H

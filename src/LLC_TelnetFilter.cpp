@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_TelnetFilter.h"
 
 namespace {

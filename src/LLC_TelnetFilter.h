@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The Telnet layer of an RFC 2217 connection, one byte at a time: takes the
 // commands out of the received stream (IAC IAC becomes one 0xFF data byte),
 // answers option negotiation, and records which serial-port control

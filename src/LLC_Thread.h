@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // One worker thread whose owner waits until it has returned and then
 // reclaims it.
 #ifndef LLC_THREAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_UsbArrivalWatch.h"
 
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The pause before reopening a USB device ends when a device of the product
 // arrives, through libusb's hot-plug callbacks where libusb offers them
 // (LIBUSB_CAP_HAS_HOTPLUG); elsewhere it is a plain back-off.  The waiting

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The USB port: interface 0 of the first free device with the product's
 // identity, read from endpoint 0x81 and written to the first OUT endpoint of
 // its configuration, in 64-byte interrupt transfers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "LLC_Utility.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Small services shared by the ports: sleeping, file names and writing.
 #ifndef LLC_UTILITY_H
 #define LLC_UTILITY_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // XLNK packet codec: encoder, and an incremental parser fed with the chunks
 // a port reads.  A packet: 0xC0, destination, source, protocol and length
 // bits 11..8, length bits 7..0, payload, checksum (two's complement of the

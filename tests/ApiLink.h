@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The library opened, with a serial connection to the device simulator over
 // a pseudo-terminal.
 #ifndef VYRIX_TEST_APILINK_H

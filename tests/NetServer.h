@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Servers that export a line over TCP, for the network port's tests and
 // benchmarks: a real ser2net in front of pseudo-terminals, and a bare
 // listening socket whose connection the test plays itself.

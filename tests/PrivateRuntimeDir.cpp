@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Linked into every test program: before anything else runs, the library's
 // log and lock files are sent to a directory of this program's own
 // (VYRIX_RUNTIME_DIR), removed again when the program ends.  Test programs

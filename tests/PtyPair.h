@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A bare pseudo-terminal pair for tests that speak raw bytes.
 #ifndef VYRIX_TEST_PTYPAIR_H
 #define VYRIX_TEST_PTYPAIR_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A serial link to the device simulator over a pseudo-terminal, opened
 // through the LLC service functions.
 #ifndef VYRIX_TEST_SIMLINK_H

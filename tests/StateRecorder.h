@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Records the link-state changes a connection's callback reports, and lets a
 // test wait for them.
 #ifndef VYRIX_TEST_STATERECORDER_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Helpers shared by the test programs: files, the log, descriptors, threads,
 // CPU time, and a simulator on a pseudo-terminal.
 #ifndef VYRIX_TEST_SUPPORT_H

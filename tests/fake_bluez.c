@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * A narrow stand-in for the Bluetooth adapter, linked into the Bluetooth
  * test program only.  Its definitions come first in symbol lookup, so the

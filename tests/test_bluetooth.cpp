@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The Bluetooth port through the real socket calls, with the adapter and the
 // RFCOMM connection played by the fake linked into this program.
 #include <sys/socket.h>

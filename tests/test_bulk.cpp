@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bulk data in acknowledged chunks, and text drawing and measuring.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Capturing a link into a pcap file, read back by tshark through the
 // project's dissector and compared record by record with what the device
 // received and what it sent.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The packet codec: encoding checks and worked examples, and the
 // incremental parser fed in every possible split.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The command transport: parameter encoding, sequence numbers, reply
 // validation, acknowledgements and the flush of stale replies.
 #include <gtest/gtest.h>

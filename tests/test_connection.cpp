@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Connections: record checks before any port is touched, the table search
 // with its matching rules, closing one entry and closing them all.
 #include <gtest/gtest.h>

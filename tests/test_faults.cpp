@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Faults, bad input and resources over the serial line: for each fault the
 // promised result, no hang past the defined time-outs, the port closes, the
 // lock file goes, no thread stays behind, and the next connection works.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lock files and ports against crashed holders and odd names: a lock names
 // its holder and is taken over only when it is left over, one terminal under
 // two names has one owner, only terminals are serial ports, and Bluetooth

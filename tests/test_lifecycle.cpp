@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opening, querying and closing the library in every order.
 #include <gtest/gtest.h>
 

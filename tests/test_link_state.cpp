@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A connection's lifecycle over a serial line to the device simulator: the
 // state callback, the event descriptor, and reconnection to a device that
 // is started again behind the same path (a symbolic link, as vyrix-sim

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every connection owns its link: threads sharing a connection, the library
 // closed under running commands, fork and exit with connections open, a
 // flood of unprompted messages, and the counters of a link.

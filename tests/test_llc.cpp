@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The communication handler and the LLC service functions, over a real
 // pseudo-terminal with the device simulator on the other side.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The shared log file: emptied by the first log of a process, appended to
 // by later ones, left alone while another process holds it, and never
 // written through a planted link, a FIFO or into a file of another user.

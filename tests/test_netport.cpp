@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lines on other hosts: addresses, the Telnet layer byte by byte, and the
 // whole library through a real ser2net in front of the simulator, raw and
 // with RFC 2217, including the server dying under a command.

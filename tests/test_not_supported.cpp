@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every published operation that the library does not carry out answers
 // 0x02000000 at once, with the library closed or open, with null arguments
 // or with pointers to storage it must leave untouched.

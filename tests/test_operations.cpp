@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The device operations: bytes on the wire, decoded replies, argument
 // bounds, storage types and the reply rules they all share.
 #include <gtest/gtest.h>

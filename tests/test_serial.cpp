@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The serial port on real pseudo-terminals.
 #include <poll.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A thousand serial connections opened and closed: descriptors and threads
 // stay where they were.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The shipped library exports exactly what the linker version script lists:
 // each plain name, and for each decorated pattern (_Z<length><name>*) at
 // least one symbol and no plain name; nothing else leaves the library.

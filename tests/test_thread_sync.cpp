@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The worker thread object, the mutex wrappers and sleeping.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The programs run as a user runs them: exit status, standard output and
 // standard error apart, JSON parsed back; and the library's result names.
 #include <fcntl.h>

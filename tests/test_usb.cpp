@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The USB port on the real libusb-1.0 against devices emulated by umockdev.
 #include <fcntl.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opens the library, connects to the device on the serial line given as the
 // first argument (if any), reads its brightness and closes again.
 #include <Vyrix_Api.h>

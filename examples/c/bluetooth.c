@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Connects to the device over Bluetooth RFCOMM (it must be paired already)
  * and reads its output video properties.
  * Usage: vyrix-example-bluetooth 00:11:22:33:44:55 [PASSKEY] */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* What the examples share: printing a result with its name. */
 #ifndef VYRIX_EXAMPLE_H
 #define VYRIX_EXAMPLE_H

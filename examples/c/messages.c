@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Prints the messages the device sends of its own accord.  The library calls
  * the registered callback from its receiving thread; the callback only
  * counts, and the main thread takes the messages out of the queue.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Drives two devices at once, one thread each: every connection's handle
  * routes its commands to its own device.
  * Usage: vyrix-example-two-devices /dev/ttyUSB0 /dev/ttyUSB1 */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Connects to the device on a serial line and prints its system information
  * and brightness.  Usage: vyrix-example-uart /dev/ttyUSB0 */
 #include <stdio.h>

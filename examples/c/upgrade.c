@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Sends a firmware image to the device in 4000-byte chunks and shows the
  * progress.  Usage: vyrix-example-upgrade SERIAL-DEVICE IMAGE */
 #include <stdio.h>

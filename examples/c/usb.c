@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Lists the devices on USB and connects to one (the first, or the one with
  * the serial number given) to print its status.
  * Usage: vyrix-example-usb [SERIAL] */

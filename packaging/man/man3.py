@@ -70,7 +70,9 @@ def parse(header_path):
             lines = comment_text(block)
             first_line = block.split("\n", 1)[0]
             rule = SECTION_RULE.match(first_line)
-            if first_comment:
+            if "SPDX-License-Identifier" in block:
+                pass  # the licence tag is not documentation
+            elif first_comment:
                 overview = lines
                 first_comment = False
             elif rule and rule.group(2):

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The simulator on a pseudo-terminal, and a private directory for the library's files."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Opening and closing, unprompted messages, firmware upgrades and errors, each against a fresh simulator."""
 
 import dataclasses

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every operation against one simulated device, connected once for the module."""
 
 import pytest

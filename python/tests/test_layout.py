@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The ctypes records and enumerations against the C compiler's view of the headers."""
 
 import ctypes

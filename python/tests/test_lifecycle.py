@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The link's state, reconnection and asyncio through the event descriptor, against the simulator."""
 
 import asyncio

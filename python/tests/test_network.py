@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """open_uart with the address of a line that ser2net exports, in front of the simulator."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The package as a whole: its exceptions, documentation, library loading, serial device list and metadata."""
 
 import dataclasses

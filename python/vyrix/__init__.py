@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Python access to libVyrix_Api, the host library of the Vyrix display engine.
 
     import vyrix

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Foreign calls that may block, made so that Ctrl-C still works.
 
 A ctypes call releases the GIL, but Python runs its signal handlers only in

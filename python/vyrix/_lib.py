@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Loading libVyrix_Api.so.1 once per process and declaring its functions.
 
 The library is looked up through VYRIX_LIBRARY (a path), then next to the

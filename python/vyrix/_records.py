@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """ctypes mirrors of the C records the package passes to the library.
 
 Each record names its C type in _c_name_ and uses the C field names, so the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """asyncio for a Device through its event descriptor, with no thread of its own.
 
     async def main():

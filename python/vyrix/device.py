@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Connections to a device and one method per operation the library carries out."""
 
 from __future__ import annotations

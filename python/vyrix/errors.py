@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Result codes of the library and the exceptions that carry them.
 
 Every library function returns a 32-bit result word.  A word made by the

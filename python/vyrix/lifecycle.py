@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A connection's lifecycle: its link state, the state callback, reconnection and the event descriptor.
 
 Device.state, Device.on_state, Device.set_reconnect and Device.fileno()

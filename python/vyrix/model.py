@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Enumerations and the plain records the device methods return.
 
 The records of the device's identity, status and event log carry the names

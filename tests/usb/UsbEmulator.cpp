@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "UsbEmulator.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // USB devices emulated under umockdev for the real libusb: enumeration and
 // descriptors from the testbed, and the usbfs ioctls answered by a handler
 // on umockdev's worker thread.  Each device's interrupt endpoints carry a

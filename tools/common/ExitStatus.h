@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The exit statuses of vyrixctl, vyrix-sim and vyrix-demo: one table for
 // all three, shown in each program's --help.
 #ifndef VYRIX_TOOLS_EXITSTATUS_H

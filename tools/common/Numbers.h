@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The one way the programs read numbers from the command line: decimal
 // unless a value is documented as hexadecimal, whole text only, within the
 // documented range.  Each returns why the text is refused, or "" with the

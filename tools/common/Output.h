@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // What a tool reports: readable lines, or one JSON object with --json.
 // Results go to standard output; a failure is one line on standard error
 // ("set brightness: value out of range 0..100: '150' (eVYRIX_INVALID_ARGUMENT)")

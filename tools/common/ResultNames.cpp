@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "ResultNames.h"
 
 #include "DeviceModel.h"

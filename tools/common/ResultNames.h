@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Readable names of result words and device events for the tools.
 #ifndef VYRIX_TOOLS_RESULTNAMES_H
 #define VYRIX_TOOLS_RESULTNAMES_H

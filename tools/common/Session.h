@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The library opened with one connection, over a chosen transport or the
 // built-in device simulator.
 #ifndef VYRIX_TOOLS_SESSION_H

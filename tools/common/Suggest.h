@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // "Did you mean": the closest of the known words to a mistyped one.
 #ifndef VYRIX_TOOLS_SUGGEST_H
 #define VYRIX_TOOLS_SUGGEST_H

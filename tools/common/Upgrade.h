@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A firmware image sent chunk by chunk, with a progress bar.
 #ifndef VYRIX_TOOLS_UPGRADE_H
 #define VYRIX_TOOLS_UPGRADE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vyrix-demo: a short guided tour of the library against the built-in
 // device simulator.
 #include <unistd.h>

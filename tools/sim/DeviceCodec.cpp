@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DeviceCodec.h"
 
 namespace vyrix::sim {

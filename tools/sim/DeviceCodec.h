@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The device's side of the packet format: it parses what the host sends
 // (destination 0 or 3, source 2) and encodes what the device sends
 // (destination 2 or 63, source 0 or 3).  Written apart from the library's

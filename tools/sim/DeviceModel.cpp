@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DeviceModel.h"
 
 #include <zlib.h>

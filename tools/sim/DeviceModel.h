@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A coherent model of the display engine: settings kept per storage type
 // (current, saved, factory), commit and factory restore, identity and status,
 // an event log that grows as things happen, firmware reassembled from the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "DeviceSimulator.h"
 
 #include "Vyrix_Api.h"

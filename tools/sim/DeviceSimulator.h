@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Plays the device on the far side of a byte stream: a pseudo-terminal
 // master by default, or any stream descriptor (a socket for the Bluetooth
 // test double).  It parses what the host sends, records every packet, and

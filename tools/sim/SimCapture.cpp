@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "SimCapture.h"
 
 #include <fcntl.h>

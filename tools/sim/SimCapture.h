@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The simulator's side of the traffic in a pcap file, in the library's
 // capture format (Vyrix_Api.h: link type 147, Vyrix_CaptureHeaderS before
 // each record's bytes), so one dissector reads both sides.

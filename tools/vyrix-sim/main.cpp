@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vyrix-sim: a whole simulated display engine on a pseudo-terminal, for
 // trying the library, vyrixctl or an application without hardware.
 #include <signal.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Every setting of the interface by name, with its fields, their ranges,
 // the scope options it takes, and how to read and write it.
 #ifndef VYRIX_TOOLS_SETTINGS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "UsbWatch.h"
 
 #include <chrono>

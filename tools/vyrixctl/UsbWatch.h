@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // `vyrixctl list usb --watch`: the devices of the product present now, then
 // every arrival and removal as libusb's hot-plug callbacks report it, one
 // line each (JSON Lines with --json), until Stop.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // vyrixctl: the display engine from the command line, through the library's
 // public interface.
 #include <dirent.h>
