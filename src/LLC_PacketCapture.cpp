@@ -12,14 +12,13 @@
 #include <set>
 
 #include "LLC_ForkGuard.h"
+#include "vyrix_pcap_file.h"
 
 namespace {
 // A discarded run can be longer than one packet; longer ones are cut.
-constexpr int kSnapshotLength = 65535;
 // Room for the longest record with its pcap record header, so that one
 // record leaves in one write.
-constexpr size_t kStreamBuffer = kSnapshotLength + 64;
-constexpr mode_t kFileMode = 0666;  // less the umask
+constexpr size_t kStreamBuffer = vyrix::kPcapSnapshotLength + 64;
 
 // Every capture of this process.  Between pcap_dump and the flush a record
 // waits in its stream's buffer; fork() waits until no record does, or a
@@ -58,33 +57,9 @@ CPacketCapture::~CPacketCapture() {
 }
 
 std::shared_ptr<CPacketCapture> CPacketCapture::Create(const std::string& path, std::string* pWhy) {
-    // Opened here rather than by pcap_dump_open, whose fopen would leave the
-    // descriptor to programs the application executes.
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
-    if (fd < 0) {
-        *pWhy = strerror(errno);
-        return nullptr;
-    }
-    FILE* file = fdopen(fd, "wb");
-    if (file == nullptr) {
-        *pWhy = strerror(errno);
-        close(fd);
-        return nullptr;
-    }
-    setvbuf(file, nullptr, _IOFBF, kStreamBuffer);
-    pcap_t* pcap =
-        pcap_open_dead_with_tstamp_precision(VYRIX_CAPTURE_LINKTYPE, kSnapshotLength, PCAP_TSTAMP_PRECISION_NANO);
-    pcap_dumper_t* dumper = pcap != nullptr ? pcap_dump_fopen(pcap, file) : nullptr;
-    if (dumper == nullptr || pcap_dump_flush(dumper) != 0) {
-        *pWhy = pcap != nullptr ? pcap_geterr(pcap) : "cannot make a pcap handle";
-        if (dumper != nullptr)
-            pcap_dump_close(dumper);
-        else
-            fclose(file);
-        if (pcap != nullptr) pcap_close(pcap);
-        return nullptr;
-    }
-    return std::shared_ptr<CPacketCapture>(new CPacketCapture(pcap, dumper));
+    const vyrix::PcapFile file = vyrix::OpenPcapFile(path, kStreamBuffer, pWhy);
+    if (file.dumper == nullptr) return nullptr;
+    return std::shared_ptr<CPacketCapture>(new CPacketCapture(file.pcap, file.dumper));
 }
 
 void CPacketCapture::Record(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length) {
@@ -101,7 +76,7 @@ void CPacketCapture::Record(const Vyrix_CaptureHeaderS& header, const BYTE* byte
 
 bool CPacketCapture::WriteLocked(const Vyrix_CaptureHeaderS& header, const BYTE* bytes, size_t length) {
     const size_t total = sizeof header + length;
-    const size_t kept = total < static_cast<size_t>(kSnapshotLength) ? total : kSnapshotLength;
+    const size_t kept = total < static_cast<size_t>(vyrix::kPcapSnapshotLength) ? total : vyrix::kPcapSnapshotLength;
     m_record.resize(kept);
     memcpy(m_record.data(), &header, sizeof header);
     memcpy(m_record.data() + sizeof header, bytes, kept - sizeof header);

@@ -9,35 +9,18 @@
 #include <ctime>
 
 #include "Vyrix_Api.h"
+#include "vyrix_pcap_file.h"
 
 namespace vyrix::sim {
 
 namespace {
-constexpr int kSnapshotLength = 65535;
 constexpr uint32_t kSimulatorLink = 1;
 }  // namespace
 
 std::unique_ptr<SimCapture> SimCapture::Create(const std::string& path, std::string* why) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    FILE* file = fd >= 0 ? fdopen(fd, "wb") : nullptr;
-    if (file == nullptr) {
-        *why = strerror(errno);
-        if (fd >= 0) close(fd);
-        return nullptr;
-    }
-    pcap_t* pcap =
-        pcap_open_dead_with_tstamp_precision(VYRIX_CAPTURE_LINKTYPE, kSnapshotLength, PCAP_TSTAMP_PRECISION_NANO);
-    pcap_dumper_t* dumper = pcap != nullptr ? pcap_dump_fopen(pcap, file) : nullptr;
-    if (dumper == nullptr || pcap_dump_flush(dumper) != 0) {
-        *why = pcap != nullptr ? pcap_geterr(pcap) : "cannot make a pcap handle";
-        if (dumper != nullptr)
-            pcap_dump_close(dumper);
-        else
-            fclose(file);
-        if (pcap != nullptr) pcap_close(pcap);
-        return nullptr;
-    }
-    return std::unique_ptr<SimCapture>(new SimCapture(pcap, dumper));
+    const PcapFile file = OpenPcapFile(path, 0, why);
+    if (file.dumper == nullptr) return nullptr;
+    return std::unique_ptr<SimCapture>(new SimCapture(file.pcap, file.dumper));
 }
 
 SimCapture::~SimCapture() {
@@ -54,7 +37,7 @@ void SimCapture::Record(uint8_t direction, uint8_t flags, const std::vector<uint
                                       {0, 0, 0, static_cast<uint8_t>(kSimulatorLink)}};
     std::lock_guard<std::mutex> lock(mutex_);
     const size_t total = sizeof header + bytes.size();
-    const size_t kept = std::min(total, static_cast<size_t>(kSnapshotLength));
+    const size_t kept = std::min(total, static_cast<size_t>(kPcapSnapshotLength));
     record_.resize(kept);
     memcpy(record_.data(), &header, sizeof header);
     memcpy(record_.data() + sizeof header, bytes.data(), kept - sizeof header);
