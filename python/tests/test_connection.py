@@ -159,6 +159,9 @@ def test_missing_device_path():
     with pytest.raises(vyrix.VyrixError) as error:
         vyrix.open_uart(missing)
     assert type(error.value) is vyrix.Failure
+    # The library's own sentence names the cause.
+    assert error.value.reason.startswith(missing + ": no such device")
+    assert error.value.reason in str(error.value)
     assert lock_file(missing) is None
 
 

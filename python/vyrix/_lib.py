@@ -166,6 +166,11 @@ class _Library:
                 self.missing.add(name)
             else:
                 _declare(function, argtypes)
+        # The library's sentence about the calling thread's last failure.
+        self._last_error_text = getattr(self.dll, "Vyrix_GetLastErrorText", None)
+        if self._last_error_text is not None:
+            self._last_error_text.argtypes = []
+            self._last_error_text.restype = ctypes.c_char_p
         self._open_connection = {
             info: proto(("Vyrix_OpenConnection", self.dll)) for info, proto in _OPEN_CONNECTION.items()
         }
@@ -220,9 +225,17 @@ class _Library:
         """Open a connection from its record; the connection handle."""
         handle = c_void_p()
         open_connection = self._open_connection[type(info)]
-        errors.check(open_connection(self.handle, ctypes.byref(handle), info), "Vyrix_OpenConnection")
+        word = int(open_connection(self.handle, ctypes.byref(handle), info))
+        errors.check(word, "Vyrix_OpenConnection", self.last_error_text() if word else "")
         assert handle.value is not None
         return handle.value
+
+    def last_error_text(self) -> str:
+        """What the library said about the last failure on this thread ("" when nothing, or an older library)."""
+        if self._last_error_text is None:
+            return ""
+        text: Optional[bytes] = self._last_error_text()
+        return text.decode("utf-8", "replace") if text else ""
 
     def close_connection(self, handle: int) -> int:
         """Close a connection (nothing once the library is closed); the result word."""

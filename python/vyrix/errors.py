@@ -108,26 +108,31 @@ def result_description(word: int) -> str:
 
 
 class VyrixError(Exception):
-    """A failed library call; .code is the 32-bit result word, .what the call."""
+    """A failed library call; .code is the 32-bit result word, .what the call,
+    .reason the library's sentence about this particular failure ("" when it
+    has none, e.g. "/dev/ttyUSB9: no such device (No such file or directory)")."""
 
     result_code: ClassVar[Optional[ResultCode]] = None  # the ResultCode of the subclass
 
-    def __init__(self, code: int, what: Optional[str] = None) -> None:
+    def __init__(self, code: int, what: Optional[str] = None, reason: str = "") -> None:
         self.code = code
         self.what = what
+        self.reason = reason
         text = result_name(code)
         if "0x%08X" % code not in text:
             text += " (0x%08X)" % code
         description = result_description(code)
         if description:
             text += ": " + description
+        if reason:
+            text = "%s: %s" % (reason, text)
         if what:
             text = "%s: %s" % (what, text)
         super().__init__(text)
 
-    def __reduce__(self) -> Tuple[Type[VyrixError], Tuple[int, Optional[str]]]:
+    def __reduce__(self) -> Tuple[Type[VyrixError], Tuple[int, Optional[str], str]]:
         # The message is made from the code: pickle what makes it.
-        return (type(self), (self.code, self.what))
+        return (type(self), (self.code, self.what, self.reason))
 
 
 class DeviceStatus(VyrixError):
@@ -228,19 +233,19 @@ ERROR_CLASSES: Dict[ResultCode, Type[VyrixError]] = {
 }
 
 
-def error_for(word: int, what: Optional[str] = None) -> VyrixError:
+def error_for(word: int, what: Optional[str] = None, reason: str = "") -> VyrixError:
     """The exception for a non-zero result word."""
     code = code_of(word)
     cls: Type[VyrixError] = DeviceStatus
     if code is not None:
         cls = ERROR_CLASSES.get(code, DeviceStatus)
-    return cls(word, what)
+    return cls(word, what, reason)
 
 
-def check(word: int, what: Optional[str] = None) -> None:
+def check(word: int, what: Optional[str] = None, reason: str = "") -> None:
     """Raise the matching VyrixError unless the result word is 0."""
     if word:
-        raise error_for(word, what)
+        raise error_for(word, what, reason)
 
 
 __all__: List[str] = ["ResultCode", "VyrixError", "DeviceStatus", "error_for", "check"]
