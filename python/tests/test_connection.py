@@ -187,6 +187,31 @@ def test_statistics_count_one_command(simulator):
         dev.statistics()
 
 
+def test_capture_records_a_command_and_its_reply(simulator, tmp_path):
+    sim = simulator()
+    capture = tmp_path / "link.pcap"
+    with vyrix.open_uart(sim.link, timeout=DEADLINE) as dev:
+        dev.start_capture(capture)
+        with pytest.raises(vyrix.AlreadyOpened):
+            dev.start_capture(capture)
+        dev.get_brightness()
+        dev.stop_capture()
+        with pytest.raises(vyrix.Failure):
+            dev.start_capture(tmp_path / "missing" / "link.pcap")
+        stats = dev.statistics()
+    data = capture.read_bytes()
+    # pcap with nanosecond stamps, then one record per packet each way
+    # (16-byte record header, 8-byte capture header, the packet).
+    assert data[:4] == bytes.fromhex("4d3cb2a1") and len(data) > 24
+    offset, records = 24, []
+    while offset < len(data):
+        included = int.from_bytes(data[offset + 8 : offset + 12], "little")
+        records.append(data[offset + 16 : offset + 16 + included])
+        offset += 16 + included
+    assert len(records) == stats.packets_sent + stats.packets_received == 2
+    assert sum(len(r) - 8 for r in records) == stats.bytes_sent + stats.bytes_received
+
+
 def test_unprompted_messages(simulator):
     sim = simulator("--notify-every", "0.2")
     with vyrix.open_uart(sim.link) as dev:

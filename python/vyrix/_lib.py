@@ -95,6 +95,8 @@ _OPTIONAL_PROTOTYPES: Dict[str, Tuple[Any, ...]] = {
     "Vyrix_GetEventFd": (_h, POINTER(c_int)),
     "Vyrix_SetReconnect": (_h, c_int, c_uint32),
     "Vyrix_TakeUnpromptedMessage": (_h, POINTER(c_uint8), c_uint16, POINTER(c_uint16), POINTER(c_uint8)),
+    "Vyrix_StartCapture": (_h, ctypes.c_char_p),
+    "Vyrix_StopCapture": (_h,),
 }
 
 # Vyrix_OpenConnection takes the connection record by value; one prototype

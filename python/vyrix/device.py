@@ -510,6 +510,23 @@ class Device:
         check(self._lib.call(name, self._open_handle(name), byref(out)), name)
         return LinkStatistics(*(getattr(out, name) for name, _ in rec.LinkStatistics._fields_))
 
+    def start_capture(self, path: Union[str, "os.PathLike[str]"]) -> None:
+        """Record every packet of this connection, both ways, into a new pcap file at path (see vyrix.lua).
+
+        The capture ends with stop_capture() or when the connection closes.
+        Raises Failure when the file cannot be created, AlreadyOpened when a
+        capture runs already, NotConnected once closed.
+        """
+        if not isinstance(path, (str, os.PathLike)):
+            raise TypeError("start_capture: path must be a str or os.PathLike, not %s" % type(path).__name__)
+        name = "Vyrix_StartCapture"
+        check(self._lib.call(name, self._open_handle(name), os.fsencode(path)), name)
+
+    def stop_capture(self) -> None:
+        """End this connection's capture and close its file (nothing when none runs). NotConnected once closed."""
+        name = "Vyrix_StopCapture"
+        check(self._lib.call(name, self._open_handle(name)), name)
+
     # ---- the link's lifecycle ----
 
     @property
