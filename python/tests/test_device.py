@@ -79,7 +79,7 @@ def test_system_status(dev):
     status = dev.get_system_status()
     handled = dev.statistics().packets_sent  # the simulator counts every command, this one included
     temperature = round(41.5 + (handled % 10) * 0.1, 1)  # what the simulator reports, in its 32-bit float
-    assert status == vyrix.SystemStatus(1, 0, temperature, 0, handled, status.words)
+    assert status == vyrix.SystemStatus(1, "running", 0, temperature, 0, handled, status.words)
     assert status.words[:4] == (1, 0, 0, handled)
 
 

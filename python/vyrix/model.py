@@ -84,6 +84,14 @@ EVENT_NAMES: Dict[int, str] = {
 }
 
 
+STATE_NAMES: Dict[int, str] = {0: "standby", 1: "running", 2: "upgrading", 3: "fault"}
+
+
+def state_name(state: int) -> str:
+    """The name of a device state ('running'), or 'state N' for a state without one."""
+    return STATE_NAMES.get(state, "state %d" % state)
+
+
 def event_name(code: int) -> str:
     """The name of an event code ('commit'), or 'event N' for a code without one."""
     return EVENT_NAMES.get(code, "event %d" % code)
@@ -146,6 +154,7 @@ class SystemStatus:
     """The device's state (Device.get_system_status)."""
 
     state: int  # status word 1
+    state_name: str  # its name ("running"; "state N" for an unknown one)
     errors: int  # status word 2
     temperature_c: float  # degrees Celsius (the status value)
     laser_hours: int  # status word 3
@@ -155,7 +164,7 @@ class SystemStatus:
     @classmethod
     def decode(cls, value: float, words: Tuple[int, ...]) -> SystemStatus:
         """The record from the device's status value and its seven status words."""
-        return cls(words[0], words[1], single(value), words[2], words[3], tuple(words))
+        return cls(words[0], state_name(words[0]), words[1], single(value), words[2], words[3], tuple(words))
 
 
 @dataclasses.dataclass(frozen=True)
