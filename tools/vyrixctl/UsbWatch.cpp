@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <thread>
 
-#include <nlohmann/json.hpp>
+#include "Output.h"
 
 namespace vyrix::tools {
 
@@ -40,14 +40,12 @@ int LIBUSB_CALL UsbWatch::OnChange(libusb_context*, libusb_device* device, libus
 }
 
 void UsbWatch::Print(const char* event, const std::string& serial, int bus, int address) {
-    if (json_)
-        printf("%s\n",
-               nlohmann::ordered_json{
-                   {"event", event}, {"product", kProductId}, {"serial", serial}, {"bus", bus}, {"address", address}}
-                   .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                   .c_str());
-    else
-        printf("%s: serial %s (bus %03d, address %03d)\n", event, serial.c_str(), bus, address);
+    if (json_) {
+        PrintJsonLine(
+            Json{{"event", event}, {"product", kProductId}, {"serial", serial}, {"bus", bus}, {"address", address}});
+        return;
+    }
+    printf("%s: serial %s (bus %03d, address %03d)\n", event, serial.c_str(), bus, address);
     fflush(stdout);
 }
 
